@@ -1,0 +1,17 @@
+# The headers of Debian's own interpreters, whatever others stand in PATH.
+execute_process(
+    COMMAND /usr/bin/python3 -c "import sysconfig; print(sysconfig.get_path('include'))"
+    OUTPUT_VARIABLE PYTHON3_INCLUDE_DIR OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+find_path(PYTHON2_INCLUDE_DIR Python.h PATHS /usr/include/python2.7 NO_DEFAULT_PATH)
+
+# add_extension_module(TARGET FILE INCLUDE_DIR): FILE.so in a folder named like the target. The
+# interpreter's headers count as the system's: Python 2's still say "register".
+function(add_extension_module target file include_dir)
+    add_library(${target} MODULE linux_xen/extensions/agent_extension.cpp)
+    target_link_libraries(${target} PRIVATE core)
+    target_include_directories(${target} SYSTEM PRIVATE ${include_dir})
+    target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
+    target_link_options(${target} PRIVATE LINKER:--exclude-libs,ALL)
+    set_target_properties(${target} PROPERTIES PREFIX "" OUTPUT_NAME ${file}
+        LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${target})
+endfunction()

@@ -1,0 +1,252 @@
+#include "agent_common.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "agent_handles.h"
+
+conn_t the_connection = {nullptr, nullptr};
+int global_debug_state = 0;
+
+namespace
+{
+
+int unique_msg_id = 0;
+
+typedef struct xml_char_s {
+    char in;
+    const char *out;
+    int len;
+} xml_char_t;
+
+constexpr xml_char_t xml_char_table[] = {
+    {'&', "&amp;", 5},   {'<', "&lt;", 4},   {'>', "&gt;", 4},
+    {'\'', "&apos;", 6}, {'"', "&quot;", 6}, {'\0', nullptr, 0},
+};
+
+const xml_char_t *find_xml_char(char character)
+{
+    for (const xml_char_t *row = xml_char_table; row->out; row++)
+        if (row->in == character)
+            return row;
+    return nullptr;
+}
+
+/**
+ * The length of a record's text as of the last append. Measuring it anew at every append would make
+ * a report quadratic in its size. It holds only for the very string that the append stored: another
+ * pointer in the record was put there by somebody else, and is measured.
+ */
+struct known_length_t {
+    const char *text;
+    size_t length;
+};
+
+known_length_t response_length = {nullptr, 0};
+known_length_t logmsg_length = {nullptr, 0};
+
+size_t length_of(const char *text, const known_length_t &known)
+{
+    if (!text)
+        return 0;
+    return text == known.text ? known.length : strlen(text);
+}
+
+/** Makes room for `extra` characters behind `existing`, exactly. Returns where they go, or null. */
+char *string_grow(char **existing, const known_length_t &known, size_t extra)
+{
+    const size_t old = length_of(*existing, known);
+    char *grown = static_cast<char *>(realloc(*existing, old + extra + 1));
+    if (!grown)
+        return nullptr;
+    *existing = grown;
+    return grown + old;
+}
+
+void remember(const char *text, const char *end, known_length_t &known)
+{
+    known = {text, static_cast<size_t>(end - text)};
+}
+
+int string_append(char **existing, known_length_t &known, const char *string, size_t len)
+{
+    char *end = string_grow(existing, known, len);
+    if (!end)
+        return ENOMEM;
+    // A NUL inside the text ends it, as if every append measured what is there.
+    const size_t copied = strnlen(string, len);
+    memcpy(end, string, copied);
+    end[copied] = '\0';
+    remember(*existing, end + copied, known);
+    return 0;
+}
+
+void string_release(char **existing, known_length_t &known)
+{
+    free(*existing);
+    *existing = nullptr;
+    known = {nullptr, 0};
+}
+
+} // namespace
+
+conn_t *new_conn()
+{
+    return &the_connection;
+}
+
+conn_t *conn_get()
+{
+    return &the_connection;
+}
+
+int conn_free(conn_t *conn)
+{
+    if (!conn)
+        return error_invalid_arguments(__func__);
+    string_release(&conn->response, response_length);
+    string_release(&conn->logmsg, logmsg_length);
+    return 0;
+}
+
+int conn_send2(const void *string, int len)
+{
+    if (!string || len < 0)
+        return error_invalid_arguments(__func__);
+    return string_append(&conn_get()->response, response_length, static_cast<const char *>(string),
+                         static_cast<size_t>(len));
+}
+
+int conn_send_format(size_t size, const char *format, ...)
+{
+    char text[2048];
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = vsnprintf(text, size < sizeof text ? size : sizeof text, format, arguments);
+    va_end(arguments);
+    if (written < 0)
+        return EINVAL;
+    return conn_send2(text, static_cast<int>(strlen(text)));
+}
+
+int conn_send_response2(int code, const char *format, ...)
+{
+    if (!format)
+        return 0;
+    conn_t *conn = conn_get();
+    if (conn->response) {
+        error_print("? %s: response string should be NULL, but was: %s\n", __func__,
+                    conn->response);
+        string_release(&conn->response, response_length);
+    }
+    char line[1024];
+    const int prefix = snprintf(line, sizeof line, "Status: %d ", code);
+    va_list arguments;
+    va_start(arguments, format);
+    const int text =
+        vsnprintf(line + prefix, sizeof line - static_cast<size_t>(prefix), format, arguments);
+    va_end(arguments);
+    if (text < 0)
+        return EINVAL;
+    const int needed = prefix + text + 2;
+    if (needed > static_cast<int>(sizeof line)) {
+        error_print("? %s: response too long: needed %d chars, %zd available\n", __func__, needed,
+                    static_cast<ssize_t>(sizeof line));
+        return ENOMEM;
+    }
+    line[prefix + text] = '\n';
+    return conn_send2(line, prefix + text + 1);
+}
+
+int conn_close(conn_t *conn)
+{
+    if (!conn)
+        return error_invalid_arguments(__func__);
+    if (!conn->response)
+        conn_send_response2(RSP_SERVER_INTERNAL_ERROR, "Generic failure response on close");
+    return 0;
+}
+
+int conn_send_XML_tag(const char *element, int indent, int start)
+{
+    if (indent < 0 || !element)
+        return error_invalid_arguments(__func__);
+    return conn_send_format(128, "%-*s<%s%s>\n", indent, "", start ? "" : "/", element);
+}
+
+int conn_send_XML_string(const char *element, int indent, const char *string)
+{
+    if (!string || !element || indent < 0)
+        return error_invalid_arguments(__func__);
+    size_t size = static_cast<size_t>(indent) + 2 * strlen(element) + 6;
+    for (const char *next = string; *next; next++) {
+        const xml_char_t *row = find_xml_char(*next);
+        size += row ? static_cast<size_t>(row->len) : 1;
+    }
+    unique_text text{static_cast<char *>(calloc(size + 1, 1))};
+    if (!text) {
+        error_print("? %s: failed to allocate string\n", __func__);
+        return ENOMEM;
+    }
+    char *end = text.get() + snprintf(text.get(), size + 1, "%-*s<%s>", indent, "", element);
+    for (const char *next = string; *next; next++) {
+        if (const xml_char_t *row = find_xml_char(*next))
+            end = stpcpy(end, row->out);
+        else
+            *end++ = *next;
+    }
+    end += snprintf(end, size + 1 - static_cast<size_t>(end - text.get()), "</%s>\n", element);
+    return conn_send2(text.get(), static_cast<int>(end - text.get()));
+}
+
+int error_print(const char *format, ...)
+{
+    if (!format)
+        return EINVAL;
+    va_list arguments;
+    va_list measured;
+    va_start(arguments, format);
+    va_copy(measured, arguments);
+    const int length = vsnprintf(nullptr, 0, format, measured);
+    va_end(measured);
+    int status = EINVAL;
+    if (length >= 0) {
+        conn_t *conn = conn_get();
+        char *end = string_grow(&conn->logmsg, logmsg_length, static_cast<size_t>(length));
+        status = end ? 0 : ENOMEM;
+        if (end) {
+            vsnprintf(end, static_cast<size_t>(length) + 1, format, arguments);
+            remember(conn->logmsg, end + strlen(end), logmsg_length);
+        }
+    }
+    va_end(arguments);
+    return status;
+}
+
+int error_invalid_arguments(const char *function)
+{
+    error_print("? %s: invalid arguments\n", function);
+    return EINVAL;
+}
+
+int error_unable_to_open(const char *function, const char *path, int error)
+{
+    error_print("? %s: unable to open '%s', errno %d (%s)\n", function, path, error,
+                strerror(error));
+    return error;
+}
+
+int debug_print(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vfprintf(stdout, format, arguments);
+    va_end(arguments);
+    return 0;
+}
+
+int next_message_id()
+{
+    return unique_msg_id++;
+}

@@ -1,0 +1,13 @@
+/**
+ * The report drivers of the hardware document, the network document and the unique identifier.
+ */
+#pragma once
+
+#include "agent_common.h"
+
+/**
+ * Writes the machine's 16-byte identifier as 47 characters: the SMBIOS system UUID, or the
+ * addresses of the physical network cards where the firmware has no usable one.
+ * Returns 0, or 1 when no identifier could be made.
+ */
+int agent_unique_id(conn_t *conn);

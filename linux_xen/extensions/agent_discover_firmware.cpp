@@ -1,0 +1,266 @@
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "agent_common.h"
+#include "agent_discover_internal.h"
+
+namespace
+{
+
+constexpr char memory_device[] = "/dev/mem";
+
+// The BIOS area of a PC, in which an entry point stands on a 16-byte boundary.
+constexpr off_t bios_area = 0xF0000;
+constexpr off_t last_paragraph = 0xFFFF0;
+constexpr int paragraph = 16;
+
+// The steps of get_smbios_structures() speak in its name.
+constexpr char reader[] = "get_smbios_structures";
+
+/**
+ * Scans the BIOS area. The first anchor decides, whatever its checksums say.
+ * Returns 0 with the entry point and its physical address, or an error.
+ */
+int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found)
+{
+    for (off_t offset = bios_area; offset <= last_paragraph; offset += paragraph) {
+        if (const int status = read_devmem(fd, smb, paragraph, offset))
+            return status;
+        *found = offset;
+        if (memcmp(smb, "_SM_", 4) == 0) {
+            if (get_debug_state() >= 2)
+                debug_print("%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
+            return read_devmem(fd, &smb->dmi, paragraph, offset + paragraph);
+        }
+        if (memcmp(smb, "_DMI_", 5) == 0) {
+            if (get_debug_state() >= 2)
+                debug_print("%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
+            memcpy(&smb->dmi, smb, paragraph);
+            memset(smb, 0, paragraph);
+            return 0;
+        }
+    }
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: unable to find entry points\n", reader);
+    return EINVAL;
+}
+
+/** Sums the whole SMBIOS entry point, also where it is longer than the record that was read. */
+bool smb_cksum_valid(int fd, const smbios_entry_point_t *smb, off_t offset)
+{
+    uint8_t whole[UINT8_MAX];
+    memcpy(whole, smb, sizeof *smb);
+    const int missing = smb->length - static_cast<int>(sizeof *smb);
+    if (missing > 0 &&
+        read_devmem(fd, whole + sizeof *smb, missing, offset + static_cast<off_t>(sizeof *smb)))
+        return false;
+    return verify_cksum(whole, smb->length) == 0;
+}
+
+int verify_entry_point(int fd, const smbios_entry_point_t *smb, off_t offset)
+{
+    const bool legacy = smb->anchor_string[0] != '_';
+    if (!legacy && smb->length != 0 && !smb_cksum_valid(fd, smb, offset)) {
+        error_print("? %s: SMB checksum failed\n", reader);
+        return EINVAL;
+    }
+    if (verify_cksum(&smb->dmi, offsetof(dmi_entry_point_t, filler)) != 0) {
+        error_print("? %s: DMI checksum failed\n", reader);
+        return EINVAL;
+    }
+    return 0;
+}
+
+/** Some kernels refuse to read(2) a table beyond low memory but let it be mapped. */
+int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table)
+{
+    const off_t page = sysconf(_SC_PAGESIZE);
+    const off_t address = dmi->address;
+    const auto before = static_cast<size_t>(address % page);
+    const size_t size = before + dmi->length;
+    void *mapped =
+        mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, address - static_cast<off_t>(before));
+    if (mapped == MAP_FAILED) {
+        error_print("? %s: mmap failed with error MAP_FAILED\n", reader);
+        return -1;
+    }
+    memcpy(table, static_cast<unsigned char *>(mapped) + before, dmi->length);
+    if (munmap(mapped, size) != 0) {
+        error_print("? %s: munmap failed\n", reader);
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int read_devmem(int fd, void *buffer, int length, off_t offset)
+{
+    if (!buffer || length < 0)
+        return error_invalid_arguments(__func__);
+    if (lseek(fd, offset, SEEK_SET) < 0) {
+        const int error = errno;
+        error_print("? %s: unable to seek to BIOS data area position %lu, errno %d (%s)\n",
+                    __func__, static_cast<unsigned long>(offset), error, strerror(error));
+        return error;
+    }
+    const ssize_t count = read(fd, buffer, static_cast<size_t>(length));
+    if (count < 0) {
+        const int error = errno;
+        error_print("? %s: unable to read BIOS data area, errno %d (%s)\n", __func__, error,
+                    strerror(error));
+        return error;
+    }
+    if (count != length) {
+        error_print("? %s: short data read - %d bytes of %d\n", __func__, static_cast<int>(count),
+                    length);
+        return EIO;
+    }
+    return 0;
+}
+
+int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *retLen,
+                          uint32_t *smbBase)
+{
+    if (!data || !smb)
+        return error_invalid_arguments(__func__);
+    const unique_fd memory{open(memory_device, O_RDONLY | O_CLOEXEC)};
+    if (!memory) {
+        const int error = errno;
+        error_print("? %s: error opening %s, errno %d (%s)\n", __func__, memory_device, error,
+                    strerror(error));
+        return error;
+    }
+    if (lseek(memory.fd, bios_area, SEEK_SET) < 0) {
+        const int error = errno;
+        error_print("? %s: unable to seek to BIOS data area, errno %d (%s)\n", __func__, error,
+                    strerror(error));
+        return error;
+    }
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: BIOS examination starting at 0x%lx, until 0x%x\n", __func__, bios_area,
+                    static_cast<unsigned int>(last_paragraph));
+
+    off_t offset = bios_area;
+    if (const int status = find_entry_point(memory.fd, smb, &offset))
+        return status;
+    if (get_debug_state() >= 3) {
+        debug_print("%% %s: Entry points:\n", __func__);
+        hex_dump(smb, sizeof *smb, static_cast<int>(offset), 1);
+    }
+    if (const int status = verify_entry_point(memory.fd, smb, offset))
+        return status;
+
+    const int length = smb->dmi.length;
+    unique_heap<unsigned char> table{
+        static_cast<unsigned char *>(malloc(static_cast<size_t>(std::max(length, 1))))};
+    if (!table) {
+        error_print("? %s: unable to allocate SMB buffer of %d bytes\n", __func__, length);
+        return ENOMEM;
+    }
+    if (read_devmem(memory.fd, table.get(), length, smb->dmi.address) != 0) {
+        if (const int status = copy_mapped_table(memory.fd, &smb->dmi, table.get()))
+            return status;
+    }
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: %d bytes at 0x%x, %d structures\n", __func__, length, smb->dmi.address,
+                    smb->dmi.items);
+    *data = table.release();
+    if (retLen)
+        *retLen = length;
+    if (smbBase)
+        *smbBase = smb->dmi.address;
+    return 0;
+}
+
+uint8_t verify_cksum(const void *buf, int length)
+{
+    const auto *bytes = static_cast<const uint8_t *>(buf);
+    uint8_t sum = 0;
+    for (int i = 0; i < length; i++)
+        sum = static_cast<uint8_t>(sum + bytes[i]);
+    return sum;
+}
+
+int iter_dmi_elements(const dmi_entry_point_t *dmi, unsigned char *dmiBuf, int *itemp, int *indexp,
+                      dmi_element_t **element)
+{
+    const int item = *itemp + 1;
+    if (item >= dmi->items)
+        return 0;
+    const int index = *indexp;
+    const int rest = dmi->length - index;
+    if (rest < 1) {
+        error_print("? %s: table is too short\n", __func__);
+        return 0;
+    }
+    *element = reinterpret_cast<dmi_element_t *>(dmiBuf + index);
+    if (get_debug_state() >= 3)
+        debug_print("%% %s: element %d, offset 0x%x\n", __func__, item,
+                    static_cast<unsigned int>(index));
+
+    // In the table's very last byte only a type fits; the length behind it cannot be read.
+    const int formatted = rest > 1 ? (*element)->length : static_cast<int>(sizeof **element);
+    if (formatted > rest) {
+        error_print("? %s: ran off end of table\n", __func__);
+        return 0;
+    }
+    const unsigned char *strings = dmiBuf + index + formatted;
+    const void *end = memmem(strings, static_cast<size_t>(rest - formatted), "\0", 2);
+    const int total =
+        end ? formatted + static_cast<int>(static_cast<const unsigned char *>(end) - strings) + 2
+            : rest;
+    *itemp = item;
+    *indexp = index + total;
+    return total;
+}
+
+uint8_t *dmi_field(const dmi_structure_t &structure, dmi_field_t field)
+{
+    // The header counts as formatted area, whatever a structure says of its own length.
+    const int formatted =
+        std::max<int>(structure.header->length, static_cast<int>(sizeof *structure.header));
+    if (field.offset + field.width > std::min(formatted, structure.total))
+        return nullptr;
+    return reinterpret_cast<uint8_t *>(structure.header) + field.offset;
+}
+
+unsigned int dmi_number(const dmi_structure_t &structure, dmi_field_t field)
+{
+    const uint8_t *bytes = dmi_field(structure, field);
+    unsigned int number = 0;
+    for (int i = bytes ? field.width : 0; i > 0; i--)
+        number = number << 8 | bytes[i - 1];
+    return number;
+}
+
+char *get_dmi_string(const dmi_structure_t &structure, int num)
+{
+    if (num < 0 || !structure.header) {
+        error_invalid_arguments(__func__);
+        return nullptr;
+    }
+    if (num == 0)
+        return nullptr;
+    char *string = reinterpret_cast<char *>(structure.header) + structure.header->length;
+    char *end = reinterpret_cast<char *>(structure.header) + structure.total;
+    char *terminator = nullptr;
+    for (;;) {
+        terminator = static_cast<char *>(memchr(string, '\0', static_cast<size_t>(end - string)));
+        if (!terminator || terminator == string)
+            return nullptr;
+        if (--num == 0)
+            break;
+        string = terminator + 1;
+    }
+    std::replace_if(
+        string, terminator,
+        [](char character) { return !isprint(static_cast<unsigned char>(character)); }, '.');
+    return string;
+}

@@ -1,0 +1,113 @@
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "agent_discover.h"
+#include "agent_discover_internal.h"
+#include "config_network.h"
+
+int is_valid_uuid(const uint8_t *uuid, int uuid_len)
+{
+    if (uuid_len <= 0)
+        return 0;
+    const auto every = [&](auto test) { return std::all_of(uuid, uuid + uuid_len, test); };
+    if (every([](uint8_t byte) { return byte == 0x00; }) ||
+        every([](uint8_t byte) { return byte == 0xFF; }))
+        return 0;
+    // Some boards ship a counting pattern in place of an identifier.
+    return every([&](uint8_t byte) { return byte <= uuid_len; }) ? 0 : 1;
+}
+
+void adjust_sys_uuid(dmi_system_t *DMIsystem, int major, int minor)
+{
+    if (major < 2 || (major == 2 && minor < 6))
+        return;
+    uint8_t *uuid = DMIsystem->uuid;
+    std::reverse(uuid, uuid + 4);     // time_low
+    std::reverse(uuid + 4, uuid + 6); // time_mid
+    std::reverse(uuid + 6, uuid + 8); // time_hi_and_version
+}
+
+namespace
+{
+
+/** Reads the hex pairs of a hardware address into at most `room` bytes. Returns how many. */
+int parse_hw_addr(const char *hw_addr, uint8_t *bytes, int room)
+{
+    const int length = static_cast<int>(strlen(hw_addr));
+    int count = 0;
+    for (int at = 0; at < length && count < room; at += 3)
+        bytes[count++] = static_cast<uint8_t>(strtol(hw_addr + at, nullptr, 16));
+    return count;
+}
+
+/** Joins the hardware addresses of the physical devices. Returns 0, 1 when there are none, or an
+ * error. */
+int generate_fallback_unique_id(uint8_t *uuid, int uuid_len)
+{
+    memset(uuid, 0xFF, static_cast<size_t>(uuid_len));
+    device_list_t devices;
+    if (const int status = get_network_device_list(&devices.head))
+        return status;
+    int filled = 0;
+    while (const unique_device device = devices.take_first()) {
+        const path_t<128> hardware("/sys/class/net/%s/device", device->device_name);
+        if (!path_exists(hardware.text) || filled >= uuid_len || !device->hw_addr)
+            continue;
+        uint8_t *bytes = uuid + filled;
+        const int count = parse_hw_addr(device->hw_addr, bytes, uuid_len - filled);
+        // An address of only 0xFF says nothing: the next card's takes its place.
+        if (std::any_of(bytes, bytes + count, [](uint8_t byte) { return byte != 0xFF; }))
+            filled += count;
+    }
+    return filled == 0 ? 1 : 0;
+}
+
+/** Finds the firmware's UUID, in network byte order. Returns whether there is a usable one. */
+bool firmware_unique_id(uint8_t *uuid, int uuid_len)
+{
+    smbios_entry_point_t smb;
+    unsigned char *data = nullptr;
+    if (get_smbios_structures(&smb, &data, nullptr, nullptr) != 0)
+        return false;
+    const unique_heap<unsigned char> table{data};
+    int item = -1;
+    int index = 0;
+    dmi_structure_t structure = {};
+    do {
+        structure.total =
+            iter_dmi_elements(&smb.dmi, table.get(), &item, &index, &structure.header);
+        if (structure.total <= 0)
+            return false;
+    } while (structure.header->type != DMI_SYSTEM);
+
+    const uint8_t *bytes = dmi_field(structure, DMI_FIELD(dmi_system_t, uuid));
+    if (!bytes || !is_valid_uuid(bytes, uuid_len))
+        return false;
+    adjust_sys_uuid(reinterpret_cast<dmi_system_t *>(structure.header), smb.major, smb.minor);
+    memcpy(uuid, bytes, static_cast<size_t>(uuid_len));
+    return true;
+}
+
+} // namespace
+
+int agent_unique_id(conn_t *)
+{
+    uint8_t uuid[sizeof(dmi_system_t::uuid)];
+    constexpr int uuid_len = sizeof uuid;
+    const char *source = "";
+    unique_text text;
+    if (firmware_unique_id(uuid, uuid_len))
+        text.reset(BytesToString(uuid, uuid_len));
+    if (!text) {
+        if (generate_fallback_unique_id(uuid, uuid_len) != 0)
+            return 1;
+        source = "fallback ";
+        text.reset(BytesToString(uuid, uuid_len));
+    }
+    if (!text)
+        return 1;
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: %sunique system ID: %s\n", __func__, source, text.get());
+    return conn_send2(text.get(), static_cast<int>(strlen(text.get()))) == 0 ? 0 : 1;
+}

@@ -1,0 +1,89 @@
+// The module entry, built once for each Python. This file alone sees the interpreter's headers.
+#ifdef ZORVIK_PYTHON3
+#define Py_LIMITED_API 0x03020000
+#endif
+#include <Python.h>
+
+#include <cstring>
+
+#include "agent_common.h"
+#include "agent_discover.h"
+
+namespace
+{
+
+#ifdef ZORVIK_PYTHON3
+
+/** A text as str, or None for null. A byte that is no UTF-8 becomes a lone surrogate. */
+PyObject *text_object(void *text)
+{
+    if (!text)
+        return Py_BuildValue("");
+    const char *bytes = static_cast<const char *>(text);
+    return PyUnicode_DecodeUTF8(bytes, static_cast<Py_ssize_t>(strlen(bytes)), "surrogateescape");
+}
+
+PyObject *build_result(int status, const conn_t *conn)
+{
+    return Py_BuildValue("iO&O&", status, text_object, conn->response, text_object, conn->logmsg);
+}
+
+#else
+
+PyObject *build_result(int status, const conn_t *conn)
+{
+    return Py_BuildValue("iss", status, conn->response, conn->logmsg);
+}
+
+#endif
+
+/** Builds the tuple of a finished call and empties the record. */
+PyObject *finish(int status, conn_t *conn)
+{
+    PyObject *result = build_result(status, conn);
+    conn_free(conn);
+    return result;
+}
+
+PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
+{
+    conn_t *conn = new_conn();
+    return finish(agent_unique_id(conn), conn);
+}
+
+PyMethodDef ZorvikDiscoverExtensionMethods[] = {
+    {"unique_id", ZorvikDiscoverExtension_unique_id, METH_VARARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+constexpr char module_name[] = "ZorvikDiscoverExtension";
+
+} // namespace
+
+#ifdef ZORVIK_PYTHON3
+
+MODULE_EXPORT PyObject *PyInit_ZorvikDiscoverExtension()
+{
+    static PyModuleDef definition = {
+        PyModuleDef_HEAD_INIT,
+        module_name,
+        nullptr,
+        -1,
+        ZorvikDiscoverExtensionMethods,
+        nullptr,
+        nullptr,
+        nullptr,
+        nullptr,
+    };
+    return PyModule_Create(&definition);
+}
+
+#else
+
+MODULE_EXPORT void initZorvikDiscoverExtension()
+{
+    Py_InitModule4(module_name, ZorvikDiscoverExtensionMethods, nullptr, nullptr,
+                   PYTHON_API_VERSION);
+}
+
+#endif

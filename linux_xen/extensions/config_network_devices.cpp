@@ -1,0 +1,266 @@
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "config_network_internal.h"
+
+namespace
+{
+
+constexpr char device_table[] = "/proc/net/dev";
+
+struct real_device_prefix_t {
+    const char *prefix;
+    int real;
+};
+
+constexpr real_device_prefix_t real_device_prefixes[] = {
+    {"vif", 0}, // a hypervisor back-end interface
+    {"vbx_tun.4090", 0},
+    {"qcn", 1},
+    {"vxlan", 1},
+};
+
+struct address_query_t {
+    unsigned long request;
+    char *eth_device_t::*field;
+    const char *what;
+};
+
+// Each address is asked for only when the one before was had.
+constexpr address_query_t address_queries[] = {
+    {SIOCGIFADDR, &eth_device_t::inet_addr, "address"},
+    {SIOCGIFBRDADDR, &eth_device_t::inet_brdcst, "broadcast"},
+    {SIOCGIFNETMASK, &eth_device_t::inet_mask, "mask"},
+};
+
+// The steps of get_network_device_list() speak in its name.
+constexpr char lister[] = "get_network_device_list";
+
+/** Asks the kernel one question about a device. A failure is only worth a debug line. */
+bool query_device(int fd, unsigned long request, const eth_device_t *eth, const char *what,
+                  struct ifreq *answer)
+{
+    *answer = interface_request(eth->device_name);
+    if (ioctl(fd, request, answer) >= 0)
+        return true;
+    const int error = errno;
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: Failed to get device '%s' %s, errno %d (%s)\n", lister,
+                    eth->device_name, what, error, strerror(error));
+    return false;
+}
+
+/** Fills in the device's addresses up to the first that cannot be had. */
+void query_addresses(int fd, eth_device_t *eth)
+{
+    struct ifreq answer;
+    if (!query_device(fd, SIOCGIFHWADDR, eth, "MAC", &answer))
+        return;
+    eth->hw_addr = strdup(format_mac(answer).text);
+    if (!eth->hw_addr)
+        return;
+    for (const address_query_t &query : address_queries) {
+        if (!query_device(fd, query.request, eth, query.what, &answer))
+            return;
+        char text[64];
+        if (!format_inet(answer, text, sizeof text, lister))
+            return;
+        eth->*query.field = strdup(text);
+        if (!(eth->*query.field))
+            return;
+    }
+}
+
+/** Lists the device that a line of the kernel's table is about, if it is one to report. */
+int list_device(int fd, const char *name_field, eth_header_t *hdr)
+{
+    unique_text name{string_trim(name_field)};
+    if (!name) {
+        error_print("? %s: unable to strdup device name\n", lister);
+        return ENOMEM;
+    }
+    if (!check_real_device(name.get()) && !check_vantix_device(name.get()))
+        return 0;
+    if (infiniband_device(name.get()))
+        return 0;
+    auto *eth = static_cast<eth_device_t *>(calloc(1, sizeof(eth_device_t)));
+    if (!eth) {
+        error_print("? %s: failed to allocate eth device\n", lister);
+        return ENOMEM;
+    }
+    eth->device_name = name.release();
+    insert_device_sorted(hdr, eth);
+    query_addresses(fd, eth);
+    return 0;
+}
+
+} // namespace
+
+struct ifreq interface_request(const char *name)
+{
+    struct ifreq request = {};
+    memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name - 1));
+    return request;
+}
+
+int error_unable_to_open_socket(const char *function, int error)
+{
+    error_print("? %s: unable to open socket, errno %d (%s)\n", function, error, strerror(error));
+    return error;
+}
+
+mac_text_t format_mac(const struct ifreq &answer)
+{
+    unsigned char bytes[6];
+    memcpy(bytes, answer.ifr_hwaddr.sa_data, sizeof bytes);
+    mac_text_t mac;
+    snprintf(mac.text, sizeof mac.text, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1],
+             bytes[2], bytes[3], bytes[4], bytes[5]);
+    return mac;
+}
+
+bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const char *function)
+{
+    struct sockaddr_in address;
+    memcpy(&address, &answer.ifr_addr, sizeof address);
+    if (inet_ntop(AF_INET, &address.sin_addr, text, size))
+        return true;
+    const int error = errno;
+    error_print("? %s: inet_ntop failed, errno %d (%s)\n", function, error, strerror(error));
+    return false;
+}
+
+int get_network_device_list(eth_header_t *hdr)
+{
+    if (!hdr)
+        return error_invalid_arguments(__func__);
+    const unique_fd queries{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    if (!queries)
+        return error_unable_to_open_socket(__func__, errno);
+    const unique_stream table{fopen(device_table, "re")};
+    if (!table) {
+        const int error = errno;
+        error_print("? %s: unable to open %s, errno %d (%s)\n", __func__, device_table, error,
+                    strerror(error));
+        return error;
+    }
+    char line[256];
+    while (fgets(line, sizeof line, table.get())) {
+        char *colon = strchr(line, ':');
+        if (!colon)
+            continue;
+        *colon = '\0';
+        if (const int status = list_device(queries.fd, line, hdr))
+            return status;
+    }
+    if (ferror(table.get())) {
+        const int error = errno;
+        error_print("? %s: error reading file, errno %d (%s)\n", __func__, error, strerror(error));
+        return error;
+    }
+    return 0;
+}
+
+void free_eth_device(eth_device_t *eth)
+{
+    if (!eth)
+        return;
+    free(eth->device_name);
+    free(eth->inet_addr);
+    free(eth->inet_mask);
+    free(eth->inet_brdcst);
+    free(eth->hw_addr);
+    free(eth);
+}
+
+int print_network()
+{
+    device_list_t devices;
+    if (const int status = get_network_device_list(&devices.head))
+        return status;
+    error_print("%8s  %-16s  %-20s\n", "Device", "Address", "H/W Address");
+    while (const unique_device device = devices.take_first()) {
+        char line[129];
+        const int length = snprintf(line, sizeof line, "%8s  %-16s", device->device_name,
+                                    device->inet_addr ? device->inet_addr : "");
+        if (device->hw_addr && length < static_cast<int>(sizeof line))
+            snprintf(line + length, sizeof line - static_cast<size_t>(length), "  %-20s",
+                     device->hw_addr);
+        error_print("%s\n", line);
+    }
+    return 0;
+}
+
+int check_real_device(const char *devName)
+{
+    if (!devName) {
+        error_invalid_arguments(__func__);
+        return 0;
+    }
+    if (path_exists(path_t<128>("/proc/net/bonding/%s", devName).text))
+        return 0;
+    for (const real_device_prefix_t &row : real_device_prefixes)
+        if (has_prefix(devName, row.prefix))
+            return row.real;
+    if (path_exists(path_t<128>("/proc/net/vlan/%s", devName).text) ||
+        path_exists(path_t<128>("%s/%s/device", net_class, devName).text))
+        return 1;
+    const int error = errno;
+    if (get_debug_state() >= 3)
+        debug_print("%% %s: device '%s' - probably not a real device, errno %d (%s)\n", __func__,
+                    devName, error, strerror(error));
+    return 0;
+}
+
+int check_vantix_device(const char *devName)
+{
+    return path_exists(path_t<128>("/proc/driver/vtnic/devices/%s", devName).text) ||
+           path_exists(path_t<128>("/proc/driver/vte/devices/%s", devName).text);
+}
+
+int infiniband_device(const char *devName)
+{
+    return path_exists(path_t<128>("%s/%s/pkey", net_class, devName).text);
+}
+
+void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)
+{
+    eth_device_t *next = nullptr;
+    TAILQ_FOREACH(next, hdr, eth_entry)
+    {
+        if (strcmp(next->device_name, eth->device_name) > 0) {
+            TAILQ_INSERT_BEFORE(next, eth, eth_entry);
+            return;
+        }
+    }
+    TAILQ_INSERT_TAIL(hdr, eth, eth_entry);
+}
+
+int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
+{
+    const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
+    const unique_stream file{fopen(path.text, "re")};
+    if (!file) {
+        const int error = errno;
+        error_print("%s: unable to open %s, errno %d (%s)\n", __func__, path.text, error,
+                    strerror(error));
+        return 0;
+    }
+    char line[128] = "";
+    if (!fgets(line, sizeof line, file.get()) && ferror(file.get())) {
+        const int error = errno;
+        error_print("%s: failed to read %s, errno %d (%s)\n", __func__, path.text, error,
+                    strerror(error));
+        return 0;
+    }
+    if (line[0] == '\0')
+        return 0;
+    line[strcspn(line, "\n")] = '\0';
+    snprintf(mac, static_cast<size_t>(mac_size), "%s", line);
+    return 1;
+}

@@ -1,0 +1,243 @@
+#include "simhost.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <sstream>
+
+namespace simhost
+{
+
+host_t &host()
+{
+    static host_t &the_host = *new host_t;
+    return the_host;
+}
+
+bool served(const std::string &path)
+{
+    if (!host().loaded)
+        return false;
+    for (const char *own : {"/proc/self", "/proc/thread-self"})
+        if (path.rfind(own, 0) == 0)
+            return false;
+    for (const char *root : {"/proc", "/sys", "/dev/mem", "/dev/ipmi0", "/usr/bin/ovs-vsctl"})
+        if (path.rfind(root, 0) == 0)
+            return true;
+    return false;
+}
+
+namespace
+{
+
+std::deque<std::string> split(const std::string &path)
+{
+    std::deque<std::string> components;
+    std::istringstream stream{path};
+    for (std::string component; std::getline(stream, component, '/');)
+        if (!component.empty() && component != ".")
+            components.push_back(component);
+    return components;
+}
+
+/** Walks a path through links. With `create`, directories that are missing are made. */
+node_t *walk(const std::string &path, bool follow, bool create, std::string *canonical)
+{
+    auto &nodes = host().nodes;
+    std::deque<std::string> rest = split(path);
+    std::string current;
+    node_t *node = &nodes[""];
+    for (int links = 0; !rest.empty();) {
+        const std::string name = rest.front();
+        rest.pop_front();
+        if (node->kind != node_t::directory) {
+            errno = ENOTDIR;
+            return nullptr;
+        }
+        if (name == "..") {
+            current.erase(current.empty() ? 0 : current.rfind('/'));
+            node = &nodes[current];
+            continue;
+        }
+        const std::string next = current + "/" + name;
+        if (!nodes.count(next)) {
+            if (!create) {
+                errno = ENOENT;
+                return nullptr;
+            }
+            node->names.push_back(name);
+        }
+        node_t *child = &nodes[next];
+        if (child->kind == node_t::link && (follow || !rest.empty())) {
+            if (++links > 16) {
+                errno = ELOOP;
+                return nullptr;
+            }
+            const auto target = split(child->content);
+            rest.insert(rest.begin(), target.begin(), target.end());
+            if (child->content[0] == '/') {
+                current.clear();
+                node = &nodes[""];
+            }
+            continue;
+        }
+        current = next;
+        node = child;
+    }
+    if (canonical)
+        *canonical = current;
+    return node;
+}
+
+std::string from_hex(const std::string &text)
+{
+    std::string bytes;
+    std::istringstream lines{text};
+    for (std::string line; std::getline(lines, line);) {
+        for (size_t at = 0; at < line.size() && line[at] != '#'; at++) {
+            if (line[at] == '"') {
+                const size_t end = line.find('"', at + 1);
+                bytes += line.substr(at + 1, end - at - 1);
+                at = end;
+            } else if (isxdigit(static_cast<unsigned char>(line[at]))) {
+                bytes += static_cast<char>(std::stoi(line.substr(at, 2), nullptr, 16));
+                at++;
+            }
+        }
+    }
+    return bytes;
+}
+
+void add_section(const std::string &name, const std::string &body)
+{
+    auto &section = host().sections[name];
+    std::istringstream lines{body};
+    for (std::string line; std::getline(lines, line);) {
+        const size_t blank = line.find(' ');
+        section[line.substr(0, blank)] = blank == std::string::npos ? "" : line.substr(blank + 1);
+    }
+}
+
+/** Adds what one heading and the lines below it describe. */
+void add(const std::string &heading, std::string body)
+{
+    if (heading[0] == '#')
+        return;
+    if (heading[0] == '[') {
+        add_section(heading.substr(1, heading.find(']') - 1), body);
+        return;
+    }
+    std::istringstream words{heading};
+    std::string path;
+    words >> path;
+    node_t &node = *walk(path, false, true, nullptr);
+    if (path.back() == '/')
+        return;
+    node.kind = node_t::file;
+    unsigned long address = 0;
+    for (std::string word; words >> word;) {
+        if (word == "->") {
+            node.kind = node_t::link;
+            words >> body;
+        } else if (word == "noeol") {
+            body.pop_back();
+        } else if (word == "hex") {
+            body = from_hex(body);
+        } else if (word[0] == '@') {
+            address = std::stoul(word.substr(1), nullptr, 16);
+        } else if (word.rfind("open=", 0) == 0) {
+            node.open_error = error_number(word.substr(5));
+        } else if (word.rfind("read=", 0) == 0) {
+            node.read_error = error_number(word.substr(5));
+        }
+    }
+    if (address)
+        node.memory[address] = body;
+    else
+        node.content = body;
+}
+
+} // namespace
+
+node_t *find(const std::string &path, bool follow, std::string *canonical)
+{
+    return walk(path, follow, false, canonical);
+}
+
+int error_number(const std::string &name)
+{
+    for (int error = 1; error < 134; error++)
+        if (const char *known = strerrorname_np(error); known && name == known)
+            return error;
+    return EINVAL;
+}
+
+const char *answer(const std::string &section, const char *key, int missing)
+{
+    errno = missing;
+    const auto found = host().sections.find(section);
+    if (found == host().sections.end())
+        return nullptr;
+    const auto value = found->second.find(key);
+    if (value == found->second.end())
+        return nullptr;
+    if (value->second[0] != '!')
+        return value->second.c_str();
+    errno = error_number(value->second.substr(1));
+    return nullptr;
+}
+
+} // namespace simhost
+
+using namespace simhost;
+
+int simhost_load(const char *recording)
+{
+    simhost_unload();
+    std::ifstream file{recording};
+    if (!file)
+        return ENOENT;
+    std::string heading = "#";
+    std::string body;
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind("=== ", 0) != 0) {
+            body += line + "\n";
+            continue;
+        }
+        add(heading, body);
+        heading = line.substr(4);
+        body.clear();
+    }
+    add(heading, body);
+    host().loaded = true;
+    return 0;
+}
+
+void simhost_unload()
+{
+    host() = {};
+    simhost_fail("", 0, 0, 0);
+}
+
+void simhost_put(const char *path, const void *content, size_t size)
+{
+    node_t &node = *walk(path, true, true, nullptr);
+    node.kind = node_t::file;
+    node.content.assign(static_cast<const char *>(content), size);
+    host().loaded = true;
+}
+
+namespace
+{
+
+/** A host named in the environment is there from the start: so it comes under an interpreter. */
+__attribute__((constructor)) void load_from_environment()
+{
+    const char *recording = getenv("SIMHOST");
+    if (recording && simhost_load(recording) != 0)
+        fprintf(stderr, "simhost: cannot read %s\n", recording);
+}
+
+} // namespace

@@ -1,0 +1,93 @@
+/**
+ * A simulated host. Linked ahead of libc, or preloaded, it answers the system calls below /proc and
+ * /sys, of /dev/mem and of the network devices from a recorded host, and fails chosen calls.
+ *
+ * A recording is a text file of headings, each with its content in the lines below:
+ *   === /PATH [noeol] [open=ERRNO] [read=ERRNO]   a file, or how opening or reading it fails
+ *   === /PATH hex [@ADDRESS]                      bytes: hex pairs and "strings", # comments
+ *   === /PATH/                                    a directory, needed only where it is empty
+ *   === /PATH -> TARGET                           a link
+ *   === [SECTION]                                 lines of "key value", for example of an
+ * interface; the value !ERRNO makes the request fail
+ *   === # anything                                a comment
+ * Directory entries are yielded in the order of the recording.
+ */
+#pragma once
+
+#include <cstddef>
+#include <dlfcn.h>
+#include <map>
+#include <string>
+#include <vector>
+
+extern "C" {
+
+/** Reads a recorded host; calls are answered from it until simhost_unload(). Returns 0 or an errno.
+ */
+int simhost_load(const char *recording);
+void simhost_unload();
+
+/** Adds a file to the host, or replaces one. */
+void simhost_put(const char *path, const void *content, size_t size);
+
+/**
+ * Makes the `nth` next call (from 1) of the libc function `call`, and of `times` - 1 after it, fail
+ * with `error`; 0 makes reads short by half.
+ */
+void simhost_fail(const char *call, int nth, int error, int times);
+
+/** How many calls of a libc function were made below the host since the load or the last fault
+ * plan. */
+int simhost_calls(const char *call);
+
+} // extern "C"
+
+namespace simhost
+{
+
+struct node_t {
+    enum { file, directory, link } kind = directory;
+    std::string content; // of a file; the target of a link
+    std::map<unsigned long, std::string> memory;
+    std::vector<std::string> names;
+    int open_error = 0;
+    int read_error = 0;
+};
+
+struct host_t {
+    bool loaded = false;
+    std::map<std::string, node_t> nodes;
+    std::map<std::string, std::map<std::string, std::string>> sections;
+};
+
+host_t &host();
+
+/** Whether the host answers for the path, rather than this machine. */
+bool served(const std::string &path);
+
+/** Finds what stands at a path. Returns null and sets errno when nothing does. */
+node_t *find(const std::string &path, bool follow, std::string *canonical = nullptr);
+
+/** The errno value of a name like "EACCES". */
+int error_number(const std::string &name);
+
+/** The value of `key` in a section, or null with errno set to what it says or else to `missing`. */
+const char *answer(const std::string &section, const char *key, int missing);
+
+enum class outcome { normal, failed, cut };
+
+/** Counts a call and says what the fault plan wants of it; sets errno when it is to fail. */
+outcome plan(const char *call);
+
+/** The descriptors and paths that the host has open. */
+std::map<int, std::string> &descriptors();
+
+template <typename Function> Function *real(const char *name, Function *)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace simhost
+
+/** The libc function behind the one that the host puts in its place. */
+#define REAL(name) simhost::real(#name, &name)
