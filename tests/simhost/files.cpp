@@ -121,7 +121,7 @@ outcome simhost::plan(const char *call)
         return outcome::normal;
     const fault_t &fault = state().fault;
     const int count = ++state().counts[call];
-    if (fault.call != call || count < fault.first || count >= fault.first + fault.times)
+    if (fault.call != call || count < fault.first || count - fault.first >= fault.times)
         return outcome::normal;
     errno = fault.error;
     return fault.error ? outcome::failed : outcome::cut;

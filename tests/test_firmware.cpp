@@ -1,0 +1,243 @@
+// Firmware tables: entry points, the walk, strings and fields of hostile tables, the identifier.
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "agent_discover.h"
+#include "agent_discover_internal.h"
+#include "fixture.h"
+
+using bytes_t = std::string;
+
+constexpr uint32_t table_address = 0x2010; // not on a page boundary
+
+void set_cksum(char *cksum, const void *base, int length)
+{
+    *cksum = 0;
+    *cksum = static_cast<char>(-verify_cksum(base, length));
+}
+
+/** Low memory with one entry point and a table. An `smb_length` of -1 makes it a legacy one. */
+bytes_t low_memory(size_t entry, int smb_length, int version, int items, const bytes_t &table)
+{
+    bytes_t memory(0x100000 + 0x200, '\xff');
+    table.copy(&memory[table_address], table.size());
+    memory.resize(std::max(memory.size(), table_address + table.size()));
+    char *smb = &memory[entry];
+    char *dmi = smb_length < 0 ? smb : smb + 16;
+    if (smb_length >= 0) {
+        const char anchor[] = {'_', 'S', 'M', '_', 0, static_cast<char>(smb_length)};
+        memcpy(smb, anchor, sizeof anchor);
+        smb[6] = static_cast<char>(version >> 4);
+        smb[7] = static_cast<char>(version & 0xf);
+    }
+    dmi_entry_point_t point = {{'_', 'D', 'M', 'I', '_'},
+                               0,
+                               static_cast<uint16_t>(table.size()),
+                               table_address,
+                               static_cast<uint16_t>(items),
+                               0x27,
+                               0};
+    memcpy(dmi, &point, 15);
+    set_cksum(dmi + 5, dmi, 15);
+    if (smb_length > 0)
+        set_cksum(smb + 4, smb, smb_length);
+    return memory;
+}
+
+bytes_t system_structure(const bytes_t &uuid)
+{
+    return bytes_t("\x01\x19\x34\x12\x00\x00\x00\x00", 8) + uuid + bytes_t("\x06\x00\x00", 3);
+}
+
+const bytes_t good_uuid = "\x33\x22\x11\xaa\x55\x44\x77\x66\x88\x99\xaa\xbb\xcc\xdd\xee\xff";
+const char stored_order[] = "33:22:11:aa:55:44:77:66:88:99:aa:bb:cc:dd:ee:ff";
+const char network_order[] = "aa:11:22:33:44:55:66:77:88:99:aa:bb:cc:dd:ee:ff";
+const char card_order[] = "00:16:3e:00:00:01:ff:ff:ff:ff:ff:ff:ff:ff:ff:ff";
+
+class Firmware : public HostTest
+{
+protected:
+    Firmware()
+    {
+        const char devices[] = "heading\n  eth0: 1 2\n";
+        simhost_put("/proc/net/dev", devices, strlen(devices));
+        simhost_put("/sys/class/net/eth0/device", "", 0);
+        simhost::host().sections["interface eth0"]["hwaddr"] = "00:16:3E:00:00:01";
+    }
+
+    void put_memory(const bytes_t &memory)
+    {
+        simhost_put("/dev/mem", memory.data(), memory.size());
+    }
+
+    std::string unique_id()
+    {
+        conn_free(&the_connection);
+        const int status = agent_unique_id(new_conn());
+        return status == 0 ? response() : "status " + std::to_string(status);
+    }
+};
+
+TEST_F(Firmware, EntryPointsDecideTheByteOrder)
+{
+    const bytes_t table = system_structure(good_uuid);
+    const struct {
+        size_t entry;
+        int smb_length, version;
+        const char *identifier;
+    } rows[] = {
+        {0xF0000, 31, 0x25, stored_order},  {0xF8760, 31, 0x26, network_order},
+        {0xFFFF0, 31, 0x30, network_order}, {0xFFFF0, -1, 0, stored_order},
+        {0xF0010, 0, 0x28, network_order},  {0xF0010, 200, 0x28, network_order},
+        {0x100000, 31, 0x28, card_order},   {0xF0008, 31, 0x28, card_order},
+    };
+    for (const auto &row : rows) {
+        put_memory(low_memory(row.entry, row.smb_length, row.version, 1, table));
+        EXPECT_EQ(unique_id(), row.identifier) << std::hex << row.entry;
+        EXPECT_EQ(logged(), "(null)");
+    }
+}
+
+TEST_F(Firmware, UnusableIdentifiersFallBackToTheCards)
+{
+    const bytes_t rows[] = {
+        bytes_t(16, '\0'), bytes_t(16, '\xff'),
+        bytes_t("\x03\x00\x02\x00\x04\x00\x05\x00\x00\x06\x00\x07\x00\x08\x00\x10", 16)};
+    for (const bytes_t &uuid : rows) {
+        // A second system structure is not tried.
+        put_memory(
+            low_memory(0xF0000, 31, 0x28, 2, system_structure(uuid) + system_structure(good_uuid)));
+        EXPECT_EQ(unique_id(), card_order);
+    }
+    const bytes_t too_short = bytes_t("\x01\x08\x01\x00\x00\x00\x00\x00", 8) + good_uuid;
+    put_memory(low_memory(0xF0000, 31, 0x28, 1, too_short + bytes_t(2, '\0')));
+    EXPECT_EQ(unique_id(), card_order);
+    put_memory(low_memory(0xF0000, 31, 0x28, 0, ""));
+    EXPECT_EQ(unique_id(), card_order);
+    simhost::host().sections.clear();
+    EXPECT_EQ(unique_id(), "status 1");
+    EXPECT_EQ(response(), "(null)");
+}
+
+TEST_F(Firmware, TheFirstAnchorDecidesWhateverItsChecksum)
+{
+    const bytes_t table = system_structure(good_uuid);
+    for (const int smb_length : {31, -1}) {
+        bytes_t memory = low_memory(0xF0100, 31, 0x28, 1, table);
+        memory.replace(0xF0000, 32, low_memory(0xF0000, smb_length, 0x28, 1, table), 0xF0000, 32);
+        memory[0xF000E]++; // in the SMBIOS part of the one, in the DMI part of the other
+        put_memory(memory);
+        EXPECT_EQ(unique_id(), card_order);
+        EXPECT_EQ(logged(), smb_length > 0 ? "? get_smbios_structures: SMB checksum failed\n"
+                                           : "? get_smbios_structures: DMI checksum failed\n");
+    }
+}
+
+/** The structures of a table as "TYPE:TOTAL", and what the walk logged. */
+std::string walked(const bytes_t &table, int items)
+{
+    conn_free(&the_connection);
+    const dmi_entry_point_t dmi = {
+        {}, 0, static_cast<uint16_t>(table.size()), 0, static_cast<uint16_t>(items), 0, 0};
+    std::vector<unsigned char> copy(table.begin(), table.end()); // exact, for AddressSanitizer
+    dmi_structure_t structure = {};
+    std::string seen;
+    int item = -1;
+    int index = 0;
+    while ((structure.total =
+                iter_dmi_elements(&dmi, copy.data(), &item, &index, &structure.header)) > 0) {
+        seen +=
+            std::to_string(structure.header->type) + ":" + std::to_string(structure.total) + " ";
+        dmi_number(structure, DMI_FIELD(dmi_element_t, handle));
+        for (int num = 0; num < 5; num++)
+            if (const char *string = get_dmi_string(structure, num))
+                seen += std::string("'") + string + "' ";
+    }
+    return seen + (the_connection.logmsg ? the_connection.logmsg : "");
+}
+
+TEST_F(Firmware, WalksHostileTables)
+{
+    const std::string short_table = "? iter_dmi_elements: table is too short\n";
+    const std::string off_end = "? iter_dmi_elements: ran off end of table\n";
+    const bytes_t plain("\x07\x04\x01\x00\x00\x00", 6);
+    const bytes_t strings("\x01\x05\x01\x00\x01"
+                          "a\tb\0\xe9\0\0",
+                          12);
+    const struct {
+        bytes_t table;
+        int items;
+        std::string seen;
+    } rows[] = {
+        {plain + strings + plain, 3, "7:6 1:12 'a.b' '.' 7:6 "},
+        {plain + strings, 1, "7:6 "},
+        {plain, 2, "7:6 " + short_table},
+        {"", 1, short_table},
+        {bytes_t("\x07\x09\x01\x00\x00\x00\x00\x00", 8), 1, off_end},
+        {bytes_t("\x07", 1), 1, off_end},
+        // No double NUL: the structure ends with the table, its open string is none.
+        {plain + bytes_t("\x01\x04\x01\x00"
+                         "abc\0de",
+                         10),
+         3, "7:6 1:10 'abc' " + short_table},
+        {bytes_t("\x01\x04\x01\x00"
+                 "abc",
+                 7),
+         1, "1:7 "},
+        {bytes_t("\x01\x04\x01\x00", 4), 1, "1:4 "},
+        // A length that does not even cover the header.
+        {bytes_t("\x09\x00\x00\x00", 4), 9, "9:3 '.' " + off_end},
+        {bytes_t("\x09\x02\x41", 3), 9, "9:3 " + short_table},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(walked(row.table, row.items), row.seen);
+}
+
+TEST_F(Firmware, FieldsEndWithTheFormattedArea)
+{
+    bytes_t table("\x04\x16\x22\x11"
+                  "0123456789abcdefgh\0\0",
+                  24);
+    const dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24};
+    EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_element_t, handle)), 0x1122U);
+    EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, max_speed)), 0x6867U);
+    EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, current_speed)), 0U);
+    EXPECT_EQ(get_dmi_string({nullptr, 0}, 1), nullptr);
+    EXPECT_EQ(get_dmi_string(structure, -1), nullptr);
+}
+
+TEST_F(Firmware, EveryFailingCallIsToldAndTheCardsAnswer)
+{
+    put_memory(low_memory(0xF0000, 31, 0x28, 1, system_structure(good_uuid)));
+    const std::string read = "? read_devmem: unable to read BIOS data area, errno 5 (Input/output "
+                             "error)\n";
+    const struct {
+        const char *call;
+        int nth, error;
+        const char *identifier;
+        std::string logged;
+    } rows[] = {
+        {"open", 1, EACCES, card_order,
+         "? get_smbios_structures: error opening /dev/mem, errno 13 (Permission denied)\n"},
+        {"lseek", 1, EIO, card_order,
+         "? get_smbios_structures: unable to seek to BIOS data area, errno 5 (Input/output "
+         "error)\n"},
+        {"lseek", 2, EIO, card_order,
+         "? read_devmem: unable to seek to BIOS data area position 983040, errno 5 (Input/output "
+         "error)\n"},
+        {"read", 1, EIO, card_order, read},
+        {"read", 2, 0, card_order, "? read_devmem: short data read - 8 bytes of 16\n"},
+        // The table is mapped when it cannot be read.
+        {"read", 3, EIO, network_order, read},
+        {"read", 3, 0, network_order, "? read_devmem: short data read - 13 bytes of 27\n"},
+        {"malloc", 1, ENOMEM, card_order,
+         "? get_smbios_structures: unable to allocate SMB buffer of 27 bytes\n"},
+        {"malloc", 2, ENOMEM, card_order, "? BytesToString: unable to allocate string\n"},
+    };
+    for (const auto &row : rows) {
+        simhost_fail(row.call, row.nth, row.error, 1);
+        EXPECT_EQ(unique_id(), row.identifier) << row.call << row.nth;
+        EXPECT_EQ(logged(), row.logged);
+    }
+}

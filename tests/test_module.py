@@ -1,0 +1,76 @@
+"""The built module under a real interpreter: the tuple, its texts, and every recorded document.
+
+Runs under Python 2.7 and 3 with the simulated host preloaded:
+    LD_PRELOAD=libsimhost.so PYTHONPATH=build/python3 python3 tests/test_module.py
+"""
+import ctypes
+import glob
+import io
+import os
+import sys
+import unittest
+
+import ZorvikDiscoverExtension as module
+
+HOSTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "hosts")
+simhost = ctypes.CDLL(None)
+
+
+def load(host):
+    assert simhost.simhost_load(os.path.join(HOSTS, host, "host").encode()) == 0
+
+
+def expected(path):
+    """A file's text as the interpreter's own str, or None where there is no file."""
+    if not os.path.exists(path):
+        return None
+    with io.open(path, "rb") as stream:
+        text = stream.read()
+    return text if sys.version_info[0] == 2 else text.decode("utf-8", "surrogateescape")
+
+
+def recorded_calls():
+    for path in sorted(glob.glob(os.path.join(HOSTS, "*", "calls"))):
+        with io.open(path, encoding="utf-8") as calls:
+            for line in calls:
+                words = line.strip("\n").split(" ", 3)
+                if len(words) >= 3 and not line.startswith("#"):
+                    host = os.path.basename(os.path.dirname(path))
+                    yield host, words[0], int(words[1]), words[2], words[3:]
+
+
+class ModuleTest(unittest.TestCase):
+    maxDiff = None
+
+    def tearDown(self):
+        simhost.simhost_unload()
+
+    def test_recorded_documents(self):
+        count = 0
+        for host, label, status, function, arguments in recorded_calls():
+            load(host)
+            result = getattr(module, function)(*arguments)
+            base = os.path.join(HOSTS, host, label)
+            self.assertEqual(result, (status, expected(base + ".out"), expected(base + ".log")), base)
+            count += 1
+        self.assertGreater(count, 0)
+
+    def test_arguments(self):
+        load("cards")
+        alone = module.unique_id()
+        self.assertEqual(module.unique_id(1, "two"), alone)
+        self.assertIs(type(alone[0]), int)
+
+    def test_exported_data(self):
+        library = ctypes.CDLL(module.__file__)
+        self.assertEqual(ctypes.c_int.in_dll(library, "global_debug_state").value, 0)
+        record = (ctypes.c_void_p * 2).in_dll(library, "the_connection")
+        for name in ("OrigIpString", "OrigMaskString"):
+            self.assertEqual((ctypes.c_char * 64).in_dll(library, name).raw, b"\0" * 64)
+        load("cards")
+        module.unique_id()
+        self.assertEqual(list(record), [None, None])
+
+
+if __name__ == "__main__":
+    unittest.main()
