@@ -188,6 +188,7 @@ TEST_F(Firmware, WalksHostileTables)
         {bytes_t("\x01\x04\x01\x00", 4), 1, "1:4 "},
         // A length that does not even cover the header.
         {bytes_t("\x09\x00\x00\x00", 4), 9, "9:3 '.' " + off_end},
+        {bytes_t("\x01\x01\x41\0\0", 5), 1, "1:5 '.A' "},
         {bytes_t("\x09\x02\x41", 3), 9, "9:3 " + short_table},
     };
     for (const auto &row : rows)
@@ -205,6 +206,21 @@ TEST_F(Firmware, FieldsEndWithTheFormattedArea)
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, current_speed)), 0U);
     EXPECT_EQ(get_dmi_string({nullptr, 0}, 1), nullptr);
     EXPECT_EQ(get_dmi_string(structure, -1), nullptr);
+}
+
+TEST_F(Firmware, TellsWhereItLooksWhenDebugged)
+{
+    global_debug_state = 2;
+    testing::internal::CaptureStdout();
+    put_memory(low_memory(0xF0010, 31, 0x28, 1, system_structure(good_uuid)));
+    unique_id();
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "% get_smbios_structures: BIOS examination starting at 0xf0000, until 0xffff0\n"
+              "% get_smbios_structures: _SM_ found at offset 0xf0010\n"
+              "% get_smbios_structures: 27 bytes at 0x2010, 1 structures\n"
+              "% agent_unique_id: unique system ID: " +
+                  std::string(network_order) + "\n");
 }
 
 TEST_F(Firmware, EveryFailingCallIsToldAndTheCardsAnswer)

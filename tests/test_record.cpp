@@ -70,6 +70,7 @@ TEST_F(Record, EscapesTextContent)
                           "<B></B>\n");
     EXPECT_EQ(conn_send_XML_string("A", 0, nullptr), EINVAL);
     EXPECT_EQ(conn_send_XML_string("A", -1, "x"), EINVAL);
+    EXPECT_EQ(conn_send_XML_string("A", INT_MAX - 1, "x"), ENOMEM);
 }
 
 TEST_F(Record, CutsAFormattedTextAtItsBuffer)

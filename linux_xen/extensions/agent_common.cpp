@@ -1,6 +1,8 @@
 #include "agent_common.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -36,7 +38,8 @@ const xml_char_t *find_xml_char(char character)
 /**
  * The length of a record's text as of the last append. Measuring it anew at every append would make
  * a report quadratic in its size. It holds only for the very string that the append stored: another
- * pointer in the record was put there by somebody else, and is measured.
+ * pointer in the record was put there by somebody else, and is measured. Who frees a text must do
+ * so with conn_free(): the allocator may give its address to the next one.
  */
 struct known_length_t {
     const char *text;
@@ -121,6 +124,7 @@ int conn_send2(const void *string, int len)
 int conn_send_format(size_t size, const char *format, ...)
 {
     char text[2048];
+    text[0] = '\0';
     va_list arguments;
     va_start(arguments, format);
     const int written = vsnprintf(text, size < sizeof text ? size : sizeof text, format, arguments);
@@ -147,11 +151,10 @@ int conn_send_response2(int code, const char *format, ...)
     const int text =
         vsnprintf(line + prefix, sizeof line - static_cast<size_t>(prefix), format, arguments);
     va_end(arguments);
-    if (text < 0)
-        return EINVAL;
-    const int needed = prefix + text + 2;
-    if (needed > static_cast<int>(sizeof line)) {
-        error_print("? %s: response too long: needed %d chars, %zd available\n", __func__, needed,
+    // A text too long for printf to count is at least INT_MAX characters long.
+    const long needed = 2L + prefix + (text < 0 ? INT_MAX : text);
+    if (needed > static_cast<long>(sizeof line)) {
+        error_print("? %s: response too long: needed %ld chars, %zd available\n", __func__, needed,
                     static_cast<ssize_t>(sizeof line));
         return ENOMEM;
     }
@@ -172,7 +175,9 @@ int conn_send_XML_tag(const char *element, int indent, int start)
 {
     if (indent < 0 || !element)
         return error_invalid_arguments(__func__);
-    return conn_send_format(128, "%-*s<%s%s>\n", indent, "", start ? "" : "/", element);
+    constexpr int size = 128;
+    return conn_send_format(size, "%-*s<%s%s>\n", std::min(indent, size), "", start ? "" : "/",
+                            element);
 }
 
 int conn_send_XML_string(const char *element, int indent, const char *string)
@@ -184,7 +189,8 @@ int conn_send_XML_string(const char *element, int indent, const char *string)
         const xml_char_t *row = find_xml_char(*next);
         size += row ? static_cast<size_t>(row->len) : 1;
     }
-    unique_text text{static_cast<char *>(calloc(size + 1, 1))};
+    // printf and conn_send2() count in int.
+    unique_text text{size < INT_MAX ? static_cast<char *>(calloc(size + 1, 1)) : nullptr};
     if (!text) {
         error_print("? %s: failed to allocate string\n", __func__);
         return ENOMEM;

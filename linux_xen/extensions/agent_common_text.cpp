@@ -58,8 +58,8 @@ char *xml_dateTime(time_t secs)
     if (!gmtime_r(&secs, &utc))
         return nullptr;
     char text[80];
-    snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1,
-             utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    snprintf(text, sizeof text, "%04ld-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900L,
+             utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
     return strndup(text, sizeof "1970-01-01T00:00:00" - 1);
 }
 

@@ -252,6 +252,9 @@ char *get_dmi_string(const dmi_structure_t &structure, int num)
     char *end = reinterpret_cast<char *>(structure.header) + structure.total;
     char *terminator = nullptr;
     for (;;) {
+        // A length of less than a header puts the strings there, where "." may change the length.
+        if (string >= end)
+            return nullptr;
         terminator = static_cast<char *>(memchr(string, '\0', static_cast<size_t>(end - string)));
         if (!terminator || terminator == string)
             return nullptr;

@@ -1,6 +1,6 @@
 // The module entry, built once for each Python. This file alone sees the interpreter's headers.
 #ifdef ZORVIK_PYTHON3
-#define Py_LIMITED_API 0x03020000
+#define Py_LIMITED_API 0x03030000
 #endif
 #include <Python.h>
 

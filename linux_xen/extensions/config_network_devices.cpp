@@ -243,6 +243,10 @@ void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)
 
 int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
 {
+    if (!dev_name || !mac || mac_size < 1) {
+        error_invalid_arguments(__func__);
+        return 0;
+    }
     const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
     const unique_stream file{fopen(path.text, "re")};
     if (!file) {

@@ -124,7 +124,7 @@ outcome simhost::plan(const char *call)
     if (fault.call != call || count < fault.first || count - fault.first >= fault.times)
         return outcome::normal;
     errno = fault.error;
-    return fault.error ? outcome::failed : outcome::cut;
+    return fault.error > 0 ? outcome::failed : fault.error < 0 ? outcome::ended : outcome::cut;
 }
 
 void simhost_fail(const char *call, int nth, int error, int times)
@@ -184,6 +184,8 @@ ssize_t read(int fd, void *buffer, size_t size)
     const outcome wanted = plan("read");
     if (node && (node->read_error || node->kind == node_t::directory))
         errno = node->read_error ? node->read_error : EISDIR;
+    else if (wanted == outcome::ended)
+        return 0;
     else if (wanted != outcome::failed)
         return REAL(read)(fd, buffer, wanted == outcome::cut ? size / 2 : size);
     return -1;

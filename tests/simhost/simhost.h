@@ -32,7 +32,7 @@ void simhost_put(const char *path, const void *content, size_t size);
 
 /**
  * Makes the `nth` next call (from 1) of the libc function `call`, and of `times` - 1 after it, fail
- * with `error`; 0 makes reads short by half.
+ * with `error`; 0 makes a read short by half, -1 ends the file.
  */
 void simhost_fail(const char *call, int nth, int error, int times);
 
@@ -74,7 +74,7 @@ int error_number(const std::string &name);
 /** The value of `key` in a section, or null with errno set to what it says or else to `missing`. */
 const char *answer(const std::string &section, const char *key, int missing);
 
-enum class outcome { normal, failed, cut };
+enum class outcome { normal, failed, cut, ended };
 
 /** Counts a call and says what the fault plan wants of it; sets errno when it is to fail. */
 outcome plan(const char *call);

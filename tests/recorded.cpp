@@ -1,0 +1,59 @@
+#include "recorded.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "agent_discover.h"
+
+namespace fs = std::filesystem;
+
+std::vector<call_t> recorded_calls()
+{
+    std::vector<call_t> calls;
+    for (const auto &host : fs::directory_iterator(HOSTS)) {
+        std::ifstream file{host.path() / "calls"};
+        for (std::string line; std::getline(file, line);) {
+            std::istringstream words{line};
+            call_t call{host.path(), "", "", "", 0};
+            if (words >> call.label >> call.status >> call.function && call.label[0] != '#') {
+                std::getline(words.ignore(), call.arguments);
+                calls.push_back(call);
+            }
+        }
+    }
+    return calls;
+}
+
+std::string name_of(const testing::TestParamInfo<call_t> &call)
+{
+    std::string name = call.param.host.filename().string() + "_" + call.param.label;
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return !isalnum(c); }, '_');
+    return name;
+}
+
+void load(const call_t &call)
+{
+    EXPECT_EQ(simhost_load((call.host / "host").c_str()), 0);
+}
+
+int run(const call_t &call)
+{
+    conn_free(&the_connection);
+    if (call.function == "unique_id")
+        return agent_unique_id(new_conn());
+    ADD_FAILURE() << "unknown function " << call.function;
+    return -1;
+}
+
+std::string expected(const call_t &call, const char *suffix)
+{
+    std::ifstream file{call.host / (call.label + suffix)};
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "(null)";
+}
+
+long open_descriptors()
+{
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
