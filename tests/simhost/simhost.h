@@ -10,6 +10,12 @@
  *   === [SECTION]                                 lines of "key value", for example of an
  * interface; the value !ERRNO makes the request fail
  *   === # anything                                a comment
+ * The sections:
+ *   [interface NAME]   the answers of a network device
+ *   [hypervisor]       physical information by its C names, hw_cap (8 hex words), scheduler ID,
+ *                      and open, physinfo and getinfo with !ERRNO; without it, opening fails
+ *   [domain ID]        a domain: handle UUID, state WORDS, credit WEIGHT CAP, sedf PERIOD SLICE
+ *                      LATENCY EXTRATIME WEIGHT, and the numbers of its record
  * Directory entries are yielded in the order of the recording.
  */
 #pragma once
