@@ -37,7 +37,7 @@ std::string domain(uint32_t id)
 /** Whether a call is answered: neither the fault plan nor the value of `key` makes it fail. */
 bool granted(const char *call, const std::string &section, const char *key, int missing = 0)
 {
-    return plan(call) != outcome::failed && (answer(section, key, missing) || errno == 0);
+    return plan(call) == outcome::normal && (answer(section, key, missing) || errno == 0);
 }
 
 } // namespace
@@ -88,7 +88,7 @@ int xc_domain_getinfo(xc_interface *handle, uint32_t first, unsigned most, xc_do
 {
     WITHOUT_HOST(xc_domain_getinfo, handle, first, most, info);
     if (!granted("xc_domain_getinfo", hypervisor, "getinfo"))
-        return -1;
+        return errno ? -1 : 0;
     *info = {};
     info->domid = UINT32_MAX;
     for (const auto &row : host().sections)
