@@ -43,6 +43,8 @@ int run(const call_t &call)
     conn_free(&the_connection);
     if (call.function == "unique_id")
         return agent_unique_id(new_conn());
+    if (call.function == "discover_hardware")
+        return agent_discover_hardware(new_conn());
     ADD_FAILURE() << "unknown function " << call.function;
     return -1;
 }

@@ -5,6 +5,9 @@
 
 #include "agent_common.h"
 
+/** Writes the hardware document, as far as the hypervisor lets it. Returns 0. */
+int agent_discover_hardware(conn_t *conn);
+
 /**
  * Writes the machine's 16-byte identifier as 47 characters: the SMBIOS system UUID, or the
  * addresses of the physical network cards where the firmware has no usable one.

@@ -1,5 +1,6 @@
 /**
- * The firmware's SMBIOS table: its layouts and the functions that read, walk and decode it.
+ * What only the agent_discover files share: the sections of the hardware document, and the
+ * firmware's SMBIOS table, its layouts and the functions that read, walk and decode it.
  * Formats: DMTF DSP0134 (SMBIOS), sections 5.2 (entry point), 6.1 (structures) and 7.1 to 7.5.
  * The layouts only say where a field lies; whether a structure has it, dmi_field() decides.
  */
@@ -41,7 +42,14 @@ typedef struct __attribute__((packed)) dmi_element_s {
     uint16_t handle;
 } dmi_element_t;
 
-enum dmi_types { DMI_BIOS = 0, DMI_SYSTEM = 1, DMI_MODULE = 2, DMI_CHASSIS = 3, DMI_PROCESSOR = 4 };
+enum dmi_types {
+    DMI_BIOS = 0,
+    DMI_SYSTEM = 1,
+    DMI_MODULE = 2,
+    DMI_CHASSIS = 3,
+    DMI_PROCESSOR = 4,
+    DMI_TABLE_END = 127
+};
 
 typedef struct __attribute__((packed)) dmi_bios_s {
     dmi_element_t header;
@@ -191,3 +199,38 @@ int is_valid_uuid(const uint8_t *uuid, int uuid_len);
 /** Puts the UUID in place into network byte order: SMBIOS 2.6 and later store three fields
  * reversed. */
 void adjust_sys_uuid(dmi_system_t *DMIsystem, int major, int minor);
+
+/** How the host's processors are spread over its sockets and memory nodes. */
+struct topology_t {
+    uint32_t sockets_per_node;
+    uint32_t nodes;
+};
+
+/**
+ * Derives the spread from the hypervisor's counts of threads, cores, memory nodes and logical
+ * processors. A value that cannot be worked out from a count of zero is 0.
+ */
+topology_t derive_topology(uint32_t threads_per_core, uint32_t cores_per_socket, uint32_t nr_nodes,
+                           uint32_t nr_cpus);
+
+/** Writes the CPUInfo element: the processors that the kernel lists, and those it could be given.
+ */
+void config_send_cpuinfo(int indent);
+
+/**
+ * Whether a processor is to be added behind the `vcpus` that there are so far: the kernel has
+ * listed all that are online, and the domain can have more, up to the number `max_vcpu_id`.
+ */
+bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id);
+
+/**
+ * Writes the DMTF element, `dumpDMTF` not 0 with the whole table in base 64. Returns 0, or the
+ * result of get_smbios_structures() when the table cannot be read: then nothing is written.
+ */
+int show_smbios_info(int indent, int dumpDMTF);
+
+/**
+ * Encodes `binLen` bytes in base 64 into the heap string `retString`, in lines of 72 characters
+ * behind `indent` blanks. Returns 0, EINVAL or ENOMEM.
+ */
+int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **retString);

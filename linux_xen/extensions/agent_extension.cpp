@@ -45,6 +45,12 @@ PyObject *finish(int status, conn_t *conn)
     return result;
 }
 
+PyObject *ZorvikDiscoverExtension_discover_hardware(PyObject *, PyObject *)
+{
+    conn_t *conn = new_conn();
+    return finish(agent_discover_hardware(conn), conn);
+}
+
 PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 {
     conn_t *conn = new_conn();
@@ -52,6 +58,7 @@ PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 }
 
 PyMethodDef ZorvikDiscoverExtensionMethods[] = {
+    {"discover_hardware", ZorvikDiscoverExtension_discover_hardware, METH_VARARGS, nullptr},
     {"unique_id", ZorvikDiscoverExtension_unique_id, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };

@@ -75,6 +75,8 @@ int ioctl(int fd, unsigned long request, ...)
     va_start(arguments, request);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
+    if (is_ipmi(fd))
+        return ipmi_ioctl(request, argument);
     if (host().loaded)
         for (const device_request_t &row : device_requests)
             if (row.request == request)

@@ -10,6 +10,15 @@
  *   === [SECTION]                                 lines of "key value", for example of an
  * interface; the value !ERRNO makes the request fail
  *   === # anything                                a comment
+ * The sections:
+ *   [interface NAME]   the answers of a network device
+ *   [hypervisor]       physical information by its C names, hw_cap (8 hex words), scheduler ID,
+ *                      and open, physinfo and getinfo with !ERRNO; without it, opening fails
+ *   [domain ID]        a domain: handle UUID, state WORDS, credit WEIGHT CAP, sedf PERIOD SLICE
+ *                      LATENCY EXTRATIME WEIGHT, and the numbers of its record
+ *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
+ *                      or behind "silence", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
+ *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
  * Directory entries are yielded in the order of the recording.
  */
 #pragma once
@@ -81,6 +90,10 @@ outcome plan(const char *call);
 
 /** The descriptors and paths that the host has open. */
 std::map<int, std::string> &descriptors();
+
+/** The IPMI device: whether a descriptor is one, and the answer to a request on it. */
+bool is_ipmi(int fd);
+int ipmi_ioctl(unsigned long request, void *argument);
 
 template <typename Function> Function *real(const char *name, Function *)
 {

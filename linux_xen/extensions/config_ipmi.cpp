@@ -1,0 +1,293 @@
+#include "config_ipmi.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <iterator>
+#include <poll.h>
+#include <sys/ioctl.h>
+
+#include "agent_common.h"
+#include "config_ipmi_internal.h"
+
+static_assert(sizeof(struct ipmi_system_interface_addr) == 8 && sizeof(struct ipmi_msg) == 16);
+static_assert(sizeof(struct ipmi_req) == 40 && sizeof(struct ipmi_recv) == 48);
+
+namespace
+{
+
+constexpr char ipmi_device[] = "/dev/ipmi0";
+constexpr unsigned int bmc_address = 0x20; // where the controller sits on its management bus
+
+constexpr int reply_timeout_ms = 1000;
+constexpr size_t reply_bytes = 1024;
+
+// Network functions and commands.
+constexpr unsigned char netfn_application = 0x06;
+constexpr unsigned char netfn_transport = 0x0C;
+constexpr unsigned char cmd_get_system_guid = 0x37;
+constexpr unsigned char cmd_get_channel_info = 0x42;
+constexpr unsigned char cmd_get_lan_param = 0x02;
+
+// Channel 15 is the system interface itself.
+constexpr int last_channel = 14;
+
+constexpr int medium_lan = 4;
+constexpr int medium_other_lan = 6;
+
+/** The answer to Get Channel Info. */
+typedef struct channel_info_response_s {
+    uint8_t completion_code;
+    uint8_t channel;
+    uint8_t medium;
+    uint8_t protocol;
+    uint8_t session;
+    uint8_t vendor[3];
+} channel_info_response_t;
+
+constexpr int guid_offset = 1;
+constexpr int guid_bytes = 16;
+constexpr int param_offset = 2;
+
+// The steps of ipmicmd() speak in its name.
+constexpr char channel_name[] = "ipmicmd";
+
+void dump_buffer(const char *label, const void *buffer, size_t length)
+{
+    debug_print("%% %s: %s:\n", channel_name, label);
+    hex_dump(buffer, static_cast<int>(length), static_cast<int>(reinterpret_cast<intptr_t>(buffer)),
+             1);
+}
+
+bool send_request(int fd, const struct ipmi_msg *msg)
+{
+    struct ipmi_system_interface_addr address = {};
+    address.addr_type = IPMI_SYSTEM_INTERFACE_ADDR_TYPE;
+    address.channel = IPMI_BMC_CHANNEL;
+    struct ipmi_req request = {};
+    request.addr = reinterpret_cast<unsigned char *>(&address);
+    request.addr_len = sizeof address;
+    request.msgid = next_message_id();
+    request.msg = *msg;
+    if (get_debug_state() >= 1) {
+        debug_print("%% %s: Sending IPMI Message, ID %ld\n", channel_name, request.msgid);
+        dump_buffer("Request Buffer", &request, sizeof request);
+        dump_buffer("Request address buffer", &address, sizeof address);
+        dump_buffer("Request message structure", &request.msg, sizeof request.msg);
+        dump_buffer("Request message data", request.msg.data, request.msg.data_len);
+    }
+    if (ioctl(fd, IPMICTL_SEND_COMMAND, &request) >= 0)
+        return true;
+    const int error = errno;
+    error_print("? %s: failed to send command, errno %d (%s)\n", channel_name, error,
+                strerror(error));
+    return false;
+}
+
+bool wait_for_reply(int fd)
+{
+    struct pollfd waiting = {fd, POLLIN, 0};
+    int count = poll(&waiting, 1, reply_timeout_ms);
+    if (count < 0 && errno == EINTR)
+        count = poll(&waiting, 1, reply_timeout_ms);
+    if (count < 0) {
+        const int error = errno;
+        error_print("? %s: poll failed, errno %d (%s)\n", channel_name, error, strerror(error));
+        return false;
+    }
+    if (waiting.revents != POLLIN) {
+        error_print("%% %s: no data ready\n", channel_name);
+        return false;
+    }
+    return true;
+}
+
+unique_reply receive_reply(int fd)
+{
+    unique_heap<unsigned char> data{static_cast<unsigned char *>(calloc(1, reply_bytes))};
+    if (!data) {
+        error_print("? %s: failed to allocate response data buffer\n", channel_name);
+        return nullptr;
+    }
+    struct ipmi_addr address = {};
+    struct ipmi_recv received = {};
+    received.addr = reinterpret_cast<unsigned char *>(&address);
+    received.addr_len = sizeof address;
+    received.msg.data = data.get();
+    received.msg.data_len = reply_bytes;
+    if (ioctl(fd, IPMICTL_RECEIVE_MSG_TRUNC, &received) < 0) {
+        const int error = errno;
+        error_print("? %s: failed to receive response, errno %d (%s)\n", channel_name, error,
+                    strerror(error));
+        return nullptr;
+    }
+    if (get_debug_state() >= 1) {
+        debug_print("%% %s: Received IPMI Message, ID %ld\n", channel_name, received.msgid);
+        dump_buffer("Receive Buffer", &received, sizeof received);
+        dump_buffer("Receive address buffer", &address, sizeof address);
+        dump_buffer("Receive message structure", &received.msg, sizeof received.msg);
+        dump_buffer("Receive message data", data.get(),
+                    std::min<size_t>(received.msg.data_len, reply_bytes));
+    }
+    unique_reply reply{static_cast<struct ipmi_msg *>(calloc(1, sizeof(struct ipmi_msg)))};
+    if (!reply) {
+        error_print("? %s: failed to allocate response\n", channel_name);
+        return nullptr;
+    }
+    reply->netfn = received.msg.netfn;
+    reply->cmd = received.msg.cmd;
+    reply->data_len = received.msg.data_len;
+    reply->data = data.release();
+    return reply;
+}
+
+} // namespace
+
+unique_reply ipmicmd(int fd, const struct ipmi_msg *msg)
+{
+    if (!msg || fd < 0) {
+        error_invalid_arguments(__func__);
+        return nullptr;
+    }
+    if (!send_request(fd, msg) || !wait_for_reply(fd))
+        return nullptr;
+    return receive_reply(fd);
+}
+
+unique_reply get_lan_param(int fd, int chan, int param)
+{
+    unsigned char data[] = {static_cast<unsigned char>(chan), static_cast<unsigned char>(param), 0,
+                            0};
+    const struct ipmi_msg request = {netfn_transport, cmd_get_lan_param, sizeof data, data};
+    unique_reply reply = ipmicmd(fd, &request);
+    if (!reply)
+        error_print("? %s: Get LAN Parameter command failed", __func__);
+    return reply;
+}
+
+reply_state judge_reply(const struct ipmi_msg *reply)
+{
+    if (!reply)
+        return REPLY_MISSING;
+    if (reply->data_len == 0)
+        return REPLY_EMPTY;
+    return reply->data[0] == 0 ? REPLY_USABLE : REPLY_REFUSED;
+}
+
+namespace
+{
+
+void get_system_guid(int indent, int fd)
+{
+    constexpr const char *complaints[] = {nullptr, "failed", "returned no data",
+                                          "returned invalid data"};
+    const struct ipmi_msg request = {netfn_application, cmd_get_system_guid, 0, nullptr};
+    const unique_reply reply = ipmicmd(fd, &request);
+    const reply_state state = judge_reply(reply.get());
+    if (state != REPLY_USABLE) {
+        error_print("? %s: Get System GUID command %s\n", __func__, complaints[state]);
+        return;
+    }
+    const unique_text guid{BytesToString(reply->data + guid_offset, guid_bytes)};
+    if (guid)
+        conn_send_XML_string("GUID", indent, guid.get());
+}
+
+/** Whether the channel's medium is a LAN. */
+bool check_channel_type(int fd, int channel)
+{
+    unsigned char data[] = {static_cast<unsigned char>(channel)};
+    const struct ipmi_msg request = {netfn_application, cmd_get_channel_info, sizeof data, data};
+    const unique_reply reply = ipmicmd(fd, &request);
+    if (!reply) {
+        error_print("? %s: Get channel info command failed", __func__);
+        return false;
+    }
+    // A refused request has no such byte, and zero is no LAN.
+    const int medium = reply->data[offsetof(channel_info_response_t, medium)];
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: Channel %d is type %d\n", __func__, channel, medium);
+    return medium == medium_lan || medium == medium_other_lan;
+}
+
+void send_mac(int indent, const unsigned char *mac)
+{
+    conn_send_format(128, "%-*s<MAC>%02x:%02x:%02x:%02x:%02x:%02x</MAC>\n", indent, "", mac[0],
+                     mac[1], mac[2], mac[3], mac[4], mac[5]);
+}
+
+void send_address_source(int indent, const unsigned char *source)
+{
+    constexpr const char *typeString[] = {"Unknown", "Static", "DHCP", "BIOS", "Other"};
+    conn_send_XML_string("Type", indent, typeString[*source < std::size(typeString) ? *source : 0]);
+}
+
+void send_ip_address(int indent, const unsigned char *address)
+{
+    conn_send_format(128, "%-*s<IP_Address>%d.%d.%d.%d</IP_Address>\n", indent, "", address[0],
+                     address[1], address[2], address[3]);
+}
+
+struct lan_param_t {
+    int param;
+    const char *what;
+    void (*send)(int indent, const unsigned char *value);
+};
+
+constexpr lan_param_t lan_params[] = {
+    {5, "MAC address", send_mac},
+    {4, "IP address source", send_address_source},
+    {3, "IP address", send_ip_address},
+};
+
+void get_lan_info(int indent, int fd, int chan)
+{
+    if (indent < 0) {
+        error_invalid_arguments(__func__);
+        return;
+    }
+    conn_send_format(128, "%-*s<Channel Number=\"%d\">\n", indent, "", chan);
+    for (const lan_param_t &row : lan_params) {
+        const unique_reply reply = get_lan_param(fd, chan, row.param);
+        if (judge_reply(reply.get()) == REPLY_USABLE)
+            row.send(indent + 2, reply->data + param_offset);
+        else if (get_debug_state() >= 1)
+            debug_print("%% %s: unable to get LAN %s for channel %d\n", __func__, row.what, chan);
+    }
+    conn_send_format(128, "%-*s</Channel>\n", indent, "");
+}
+
+} // namespace
+
+int config_show_ipmi(int indent)
+{
+    const unique_fd device{open(ipmi_device, O_RDWR | O_CLOEXEC)};
+    if (!device) {
+        const int error = errno;
+        if (get_debug_state() >= 1)
+            debug_print("%% %s: no IPMI device '%s', errno %d (%s)\n", __func__, ipmi_device, error,
+                        strerror(error));
+        return 0;
+    }
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: Setting address\n", __func__);
+    unsigned int address = bmc_address;
+    ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
+
+    conn_send_format(512, "%-*s<IPMI>\n", indent, "");
+    get_system_guid(indent + 2, device.fd);
+    for (int channel = 0; channel <= last_channel; channel++) {
+        if (get_debug_state() >= 1)
+            debug_print("%% %s: Checking channel %d\n", __func__, channel);
+        if (!check_channel_type(device.fd, channel))
+            continue;
+        if (get_debug_state() >= 1)
+            debug_print("%% %s: Channel %d is a LAN\n", __func__, channel);
+        get_lan_info(indent + 2, device.fd, channel);
+    }
+    conn_send_format(512, "%-*s</IPMI>\n", indent, "");
+    return 0;
+}

@@ -1,0 +1,129 @@
+// The hardware document: the rules behind its numbers, and what failing calls leave of it.
+#include <cerrno>
+#include <sstream>
+#include <vector>
+
+#include "agent_discover.h"
+#include "agent_discover_internal.h"
+#include "config_ipmi.h"
+#include "config_ipmi_internal.h"
+#include "fixture.h"
+
+namespace
+{
+
+class Hardware : public HostTest
+{
+protected:
+    Hardware()
+    {
+        simhost_put("/dev/ipmi0", "", 0);
+        simhost_put("/proc/cpuinfo", "processor: 0\nmodel: 1\n", 22);
+        simhost::host().sections["hypervisor"] = {{"nr_cpus", "1"}};
+        simhost::host().sections["domain 0"] = {{"online_vcpus", "1"}, {"max_vcpu_id", "1"}};
+    }
+};
+
+TEST_F(Hardware, Topology)
+{
+    constexpr uint32_t cases[][6] = {
+        {2, 8, 2, 32, 1, 2}, {2, 8, 1, 32, 2, 1}, {1, 16, 4, 32, 1, 2}, {1, 16, 1, 33, 3, 1},
+        {1, 16, 4, 0, 0, 4}, {0, 16, 4, 8, 0, 4}, {1, 16, 0, 16, 0, 0}};
+    for (const auto &[threads, cores, nodes, cpus, sockets_per_node, nodes_shown] : cases) {
+        const topology_t topology = derive_topology(threads, cores, nodes, cpus);
+        EXPECT_EQ(topology.sockets_per_node, sockets_per_node) << nodes << "/" << cpus;
+        EXPECT_EQ(topology.nodes, nodes_shown) << nodes << "/" << cpus;
+    }
+}
+
+TEST_F(Hardware, AddedProcessors)
+{
+    EXPECT_TRUE(adds_cpu(4, 4, 7) && adds_cpu(7, 4, 7) && adds_cpu(0, 0, 0));
+    EXPECT_FALSE(adds_cpu(8, 4, 7) || adds_cpu(4, 4, 3));
+    EXPECT_FALSE(adds_cpu(3, 4, 7)) << "the kernel lists fewer than are online";
+    EXPECT_FALSE(adds_cpu(4, 4, UINT32_MAX)) << "the hypervisor's number of a domain without any";
+}
+
+TEST_F(Hardware, DumpLines)
+{
+    const std::vector<std::pair<int, std::vector<size_t>>> cases = {
+        {0, {}}, {10, {16}}, {53, {72}}, {54, {72}}, {55, {72, 4}}, {108, {72, 72}}};
+    const std::vector<unsigned char> bytes(108, 'x');
+    char *dump = nullptr;
+    for (const auto &[length, expected] : cases) {
+        ASSERT_EQ(dump_dmi_buffer(bytes.data(), length, 3, &dump), 0);
+        std::istringstream lines{taken(dump)};
+        std::vector<size_t> widths;
+        for (std::string line; std::getline(lines, line); widths.push_back(line.size() - 3))
+            EXPECT_EQ(line.find_first_not_of(' '), 3U);
+        EXPECT_EQ(widths, expected) << length;
+    }
+    simhost_fail("malloc", 1, ENOMEM, 1);
+    EXPECT_EQ(dump_dmi_buffer(bytes.data(), 10, 3, &dump), ENOMEM);
+}
+
+TEST_F(Hardware, UsableReplies)
+{
+    unsigned char done[] = {0x00, 0x11}, refused[] = {0xc1};
+    const struct ipmi_msg replies[] = {{0, 0, 2, done}, {0, 0, 0, done}, {0, 0, 1, refused}};
+    const reply_state states[] = {REPLY_USABLE, REPLY_EMPTY, REPLY_REFUSED};
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(judge_reply(&replies[i]), states[i]) << i;
+    EXPECT_EQ(judge_reply(nullptr), REPLY_MISSING);
+}
+
+TEST_F(Hardware, MessageIdsRunOn)
+{
+    const int first = next_message_id();
+    for (int call = 1; call <= 2; call++) {
+        EXPECT_EQ(config_show_ipmi(0), 0);
+        EXPECT_EQ(next_message_id(), first + 17 * call) << "the GUID and 15 channels";
+    }
+}
+
+TEST_F(Hardware, FailingCalls)
+{
+    const struct {
+        const char *call;
+        int nth, error;
+        std::string log, next; // what follows in the response
+        bool whole;            // and whether the document goes on behind that
+    } cases[] = {
+        {"xc_interface_open", 1, 13, "send_discover: unable to get hypervisor handle, errno 13\n",
+         "  <NodeInformation>\n", false},
+        {"xc_physinfo", 1, 1,
+         "send_discover: xc_physinfo failed, sts -1, errno 1 (Operation not permitted)\n",
+         "    <VMM>\n", false},
+        {"xc_interface_open", 2, 12,
+         "show_proc_cpuinfo: unable to get hypervisor handle, errno 12\n",
+         "    <CPUInfo>\n    </CPUInfo>\n    <IO>\n", true},
+        {"xc_domain_getinfo", 1, 0, "show_proc_cpuinfo: unable to get domain 0 info, status 0\n",
+         "    <CPUInfo>\n    </CPUInfo>\n    <IO>\n", true},
+        {"read", 2, 5, "show_proc_cpuinfo: /proc/cpuinfo terminated before eof\n",
+         "          <model>1</model>\n        </CPU>\n      </Proc_Info>\n", true},
+        {"ioctl", 1, 25, "get_system_guid: Get System GUID command returned invalid data\n",
+         "    <IPMI>\n    </IPMI>\n", true},
+    };
+    for (const auto &row : cases) {
+        simhost_fail(row.call, row.nth, row.error, 1);
+        EXPECT_EQ(agent_discover_hardware(new_conn()), 0);
+        EXPECT_EQ(logged().find("? " + row.log), 0U) << logged();
+        const size_t found = response().find(row.next);
+        ASSERT_NE(found, std::string::npos) << response();
+        EXPECT_EQ(found + row.next.size() < response().size(), row.whole) << row.call;
+        conn_free(&the_connection);
+    }
+}
+
+TEST_F(Hardware, SurvivesEveryLackOfMemory)
+{
+    int nth = 0;
+    do {
+        simhost_fail("malloc", ++nth, ENOMEM, 1);
+        EXPECT_EQ(agent_discover_hardware(new_conn()), 0);
+        EXPECT_TRUE(simhost::descriptors().empty());
+        conn_free(&the_connection);
+    } while (simhost_calls("malloc") >= nth);
+}
+
+} // namespace
