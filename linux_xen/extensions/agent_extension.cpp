@@ -45,6 +45,15 @@ PyObject *finish(int status, conn_t *conn)
     return result;
 }
 
+PyObject *ZorvikDiscoverExtension_discover_network(PyObject *, PyObject *args)
+{
+    int indent = 0;
+    if (!PyArg_ParseTuple(args, "i", &indent))
+        return nullptr;
+    conn_t *conn = new_conn();
+    return finish(agent_discover_network(indent), conn);
+}
+
 PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 {
     conn_t *conn = new_conn();
@@ -52,6 +61,7 @@ PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 }
 
 PyMethodDef ZorvikDiscoverExtensionMethods[] = {
+    {"discover_network", ZorvikDiscoverExtension_discover_network, METH_VARARGS, nullptr},
     {"unique_id", ZorvikDiscoverExtension_unique_id, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };
