@@ -16,7 +16,8 @@
 
 #define PRINTF_FORMAT(text, arguments) __attribute__((format(printf, text, arguments)))
 
-/** The answer of the current call; null stands for a text never written. Both texts are heap strings. */
+/** The answer of the current call; null stands for a text never written. Both texts are heap
+ * strings. */
 typedef struct conn_s {
     char *response;
     char *logmsg;

@@ -7,8 +7,8 @@ int agent_discover_network(int indent)
 {
     if (get_debug_state() >= 1)
         debug_print("%s:\n", __func__);
-    // Beyond what any line has room for, a depth from outside is only work, or even an overflow.
-    constexpr int deepest = 4096;
+    // Far beyond what a line has room for, a depth is only work, and in the end an overflow.
+    constexpr int deepest = 1 << 16;
     indent = std::clamp(indent, -deepest, deepest);
     config_show_network(indent);
     bonding_discover(indent);

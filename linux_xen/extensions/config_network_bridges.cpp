@@ -13,7 +13,7 @@ namespace
 {
 
 constexpr char switch_tool[] = "/usr/bin/ovs-vsctl";
-constexpr int tool_seconds = 5;
+constexpr int64_t tool_seconds = 5;
 
 // The steps of show_opensw_ifs() speak in its name.
 constexpr char switch_reporter[] = "show_opensw_ifs";
@@ -149,7 +149,7 @@ int list_switch_ports(const char *bridge, char *text, size_t size)
         return status == 0 ? 0 : -1;
     kill(child, SIGKILL);
     reap_before(now_ms() + 1000, child, &status); // only the kernel can hold it up now
-    error_print("? %s: %s did not end within %d seconds and was killed\n", switch_reporter,
+    error_print("? %s: %s did not end within %ld seconds and was killed\n", switch_reporter,
                 switch_tool, tool_seconds);
     return -1;
 }

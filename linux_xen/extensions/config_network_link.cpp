@@ -175,7 +175,8 @@ int get_mii_regs(const char *devName, uint16_t *mii_regs, int maxReg)
 /** The best of the abilities that both sides have. */
 unsigned int mii_nway_result(unsigned int negotiated)
 {
-    for (const unsigned int mode : {LPA_100FULL, LPA_100BASE4, LPA_100HALF, LPA_10FULL})
+    for (const unsigned int mode :
+         std::initializer_list<unsigned int>{LPA_100FULL, LPA_100BASE4, LPA_100HALF, LPA_10FULL})
         if (negotiated & mode)
             return mode;
     return LPA_10HALF;

@@ -7,9 +7,12 @@
  *   === /PATH hex [@ADDRESS]                      bytes: hex pairs and "strings", # comments
  *   === /PATH/                                    a directory, needed only where it is empty
  *   === /PATH -> TARGET                           a link
- *   === [SECTION]                                 lines of "key value", for example of an
- * interface; the value !ERRNO makes the request fail
+ *   === [SECTION]                                 lines of "key value"; !ERRNO: the request fails
  *   === # anything                                a comment
+ * Keys of [interface NAME]: hwaddr, address, netmask, broadcast, flags, mtu; mii (16 hex words, the
+ * registers from 0), mii_phy and mii_N (only to fail), mii_first (hex, the first read of register
+ * 1); glink, gset (SUPPORTED ADVERTISING in hex, SPEED DUPLEX AUTONEG), gwol.
+ * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs.
  * Directory entries are yielded in the order of the recording.
  */
 #pragma once
