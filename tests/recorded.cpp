@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 
 #include "agent_discover.h"
+#include "config_network.h"
 
 namespace fs = std::filesystem;
 
@@ -45,6 +47,13 @@ int run(const call_t &call)
         return agent_unique_id(new_conn());
     if (call.function == "discover_hardware")
         return agent_discover_hardware(new_conn());
+    if (call.function == "discover_network") {
+        int indent = 0;
+        std::istringstream words{call.arguments};
+        words >> indent >> std::setw(sizeof OrigIpString) >> OrigIpString >>
+            std::setw(sizeof OrigMaskString) >> OrigMaskString;
+        return agent_discover_network(indent);
+    }
     ADD_FAILURE() << "unknown function " << call.function;
     return -1;
 }

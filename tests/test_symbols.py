@@ -11,6 +11,7 @@ PYTHON2_USES = {"Py_InitModule4_64", "PyArg_ParseTuple", "Py_BuildValue"}
 EXPORTS = {
     "the_connection", "global_debug_state", "OrigIpString", "OrigMaskString",
     "get_network_device_list", "free_eth_device", "print_network",
+    "config_show_network", "bonding_discover", "bond_config", "bridge_config", "infiniband_config",
 }
 
 

@@ -16,6 +16,9 @@ namespace
 
 int unique_msg_id = 0;
 
+// Whether the response lacks something that could not be appended.
+bool response_is_cut = false;
+
 typedef struct xml_char_s {
     char in;
     const char *out;
@@ -110,6 +113,7 @@ int conn_free(conn_t *conn)
         return error_invalid_arguments(__func__);
     string_release(&conn->response, response_length);
     string_release(&conn->logmsg, logmsg_length);
+    response_is_cut = false;
     return 0;
 }
 
@@ -117,8 +121,10 @@ int conn_send2(const void *string, int len)
 {
     if (!string || len < 0)
         return error_invalid_arguments(__func__);
-    return string_append(&conn_get()->response, response_length, static_cast<const char *>(string),
-                         static_cast<size_t>(len));
+    const int status = string_append(&conn_get()->response, response_length,
+                                     static_cast<const char *>(string), static_cast<size_t>(len));
+    response_is_cut = response_is_cut || status != 0;
+    return status;
 }
 
 int conn_send_format(size_t size, const char *format, ...)
@@ -178,6 +184,14 @@ int conn_send_XML_tag(const char *element, int indent, int start)
     constexpr int size = 128;
     return conn_send_format(size, "%-*s<%s%s>\n", std::min(indent, size), "", start ? "" : "/",
                             element);
+}
+
+int conn_close_early(const char *element, int indent, int error)
+{
+    // An element at a negative depth was refused when it was to be opened.
+    if (!response_is_cut && indent >= 0)
+        conn_send_XML_tag(element, indent, 0);
+    return error;
 }
 
 int conn_send_XML_string(const char *element, int indent, const char *string)

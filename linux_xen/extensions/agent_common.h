@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <dirent.h>
 #include <sys/types.h>
 
 /** What the module shows to its host process; everything else is hidden. */
@@ -76,6 +77,12 @@ int conn_close(conn_t *conn);
  * Returns 0, EINVAL or ENOMEM.
  */
 int conn_send_XML_tag(const char *element, int indent, int start);
+
+/**
+ * Closes an open element before its time because of `error`, which is returned. After an append
+ * that failed in this call nothing more can be written, and nothing is tried.
+ */
+int conn_close_early(const char *element, int indent, int error);
 
 /** Appends one element with `string`, escaped, as its text. Returns 0, EINVAL or ENOMEM. */
 int conn_send_XML_string(const char *element, int indent, const char *string);
@@ -153,3 +160,20 @@ bool path_exists(const char *path);
 
 /** Whether `text` begins with `prefix`. */
 bool has_prefix(const char *text, const char *prefix);
+
+/** What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
+ */
+enum entry_kinds : unsigned int {
+    ENTRY_DIRECTORY = 1U << DT_DIR,
+    ENTRY_FILE = 1U << DT_REG,
+    ENTRY_LINK = 1U << DT_LNK,
+    ENTRY_ANY = 0xFFFF,
+    ENTRY_OTHER_THAN_DIRECTORY = ENTRY_ANY & ~ENTRY_DIRECTORY,
+    ENTRY_DOTTED = 1U << 16
+};
+
+/**
+ * The name of the next entry of one of the `kinds`, in the order the directory yields them.
+ * Valid until the next call; null at the end.
+ */
+const char *next_entry(DIR *directory, unsigned int kinds);

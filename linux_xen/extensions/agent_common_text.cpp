@@ -19,6 +19,16 @@ bool has_prefix(const char *text, const char *prefix)
     return strncmp(text, prefix, strlen(prefix)) == 0;
 }
 
+const char *next_entry(DIR *directory, unsigned int kinds)
+{
+    while (const struct dirent *entry = readdir(directory)) {
+        const unsigned int kind = 1U << entry->d_type;
+        if ((kinds & kind) && (entry->d_name[0] != '.' || (kinds & ENTRY_DOTTED)))
+            return entry->d_name;
+    }
+    return nullptr;
+}
+
 char *string_trim(const char *string)
 {
     if (!string)

@@ -14,3 +14,9 @@ int agent_discover_hardware(conn_t *conn);
  * Returns 0, or 1 when no identifier could be made.
  */
 int agent_unique_id(conn_t *conn);
+
+/**
+ * Writes the network document: the elements Network, Bonding, Bridges and Infiniband side by side,
+ * `indent` blanks deep, without a root. Returns 0; failures show in the log text.
+ */
+int agent_discover_network(int indent);

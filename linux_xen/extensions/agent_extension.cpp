@@ -51,6 +51,15 @@ PyObject *ZorvikDiscoverExtension_discover_hardware(PyObject *, PyObject *)
     return finish(agent_discover_hardware(conn), conn);
 }
 
+PyObject *ZorvikDiscoverExtension_discover_network(PyObject *, PyObject *args)
+{
+    int indent = 0;
+    if (!PyArg_ParseTuple(args, "i", &indent))
+        return nullptr;
+    conn_t *conn = new_conn();
+    return finish(agent_discover_network(indent), conn);
+}
+
 PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 {
     conn_t *conn = new_conn();
@@ -59,6 +68,7 @@ PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 
 PyMethodDef ZorvikDiscoverExtensionMethods[] = {
     {"discover_hardware", ZorvikDiscoverExtension_discover_hardware, METH_VARARGS, nullptr},
+    {"discover_network", ZorvikDiscoverExtension_discover_network, METH_VARARGS, nullptr},
     {"unique_id", ZorvikDiscoverExtension_unique_id, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };

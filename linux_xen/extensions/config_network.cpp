@@ -1,4 +1,210 @@
-#include "config_network.h"
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+#include "config_network_internal.h"
 
 char OrigIpString[64] = "";
 char OrigMaskString[64] = "";
+
+namespace
+{
+
+constexpr flag_table_t iffFlags[] = {
+    {"IFF_UP", 0x1},           {"IFF_BROADCAST", 0x2},
+    {"IFF_DEBUG", 0x4},        {"IFF_LOOPBACK", 0x8},
+    {"IFF_POINTOPOINT", 0x10}, {"IFF_NOTRAILERS", 0x20},
+    {"IFF_RUNNING", 0x40},     {"IFF_NOARP", 0x80},
+    {"IFF_PROMISC", 0x100},    {"IFF_ALLMULTI", 0x200},
+    {"IFF_MASTER", 0x400},     {"IFF_SLAVE", 0x800},
+    {"IFF_MULTICAST", 0x1000}, {"IFF_PORTSEL", 0x2000},
+    {"IFF_AUTOMEDIA", 0x4000}, {nullptr, 0},
+};
+
+// The steps of show_sysfs() speak in its name.
+constexpr attribute_kind_t interface_attribute = {"show_sysfs", EACCES, 1024, whole_chunk};
+constexpr attribute_kind_t hardware_attribute = {"show_sysfs", ENOENT, 1024, whole_chunk};
+
+// By the beginning of their names: what is reported elsewhere in the element, or is no text.
+constexpr const char *skipped_attributes[] = {"address", "broadcast", "brforward"};
+
+constexpr const char *hardware_attributes[] = {"vendor", "device", "subsystem_vendor",
+                                               "subsystem_device", "class"};
+
+/** Writes the VLAN id and the device below it, as the name tells them: eth0.100. */
+void vlan_info(int indent, const char *name)
+{
+    const char *dot = strchr(name, '.');
+    if (!dot || !path_exists(path_t<128>("/proc/net/vlan/%s", name).text))
+        return;
+    const size_t digits = std::min(strspn(dot + 1, "0123456789"), size_t{4});
+    const size_t base = std::min(static_cast<size_t>(dot - name), size_t{64});
+    conn_send_format(128, "%-*s<Vlanid>%.*s</Vlanid>\n%-*s<Basename>%.*s</Basename>\n", indent, "",
+                     static_cast<int>(digits), dot + 1, indent, "", static_cast<int>(base), name);
+}
+
+void send_mac(int fd, int indent, const char *name, const char *function)
+{
+    char mac[128];
+    struct ifreq answer;
+    if (get_device_mac_addr(name, mac, sizeof mac))
+        conn_send_format(128, "%-*s<MAC>%s</MAC>\n", indent, "", mac);
+    else if (query_device(function, fd, SIOCGIFHWADDR, name, "MAC", &answer))
+        conn_send_format(128, "%-*s<MAC>%s</MAC>\n", indent, "", format_mac(answer).text);
+}
+
+/** Writes the hardware address and the flags of a device. */
+void show_dev_info(int indent, const char *name)
+{
+    const unique_fd queries{open_query_socket()};
+    if (!queries) {
+        error_unable_to_open_socket(__func__, errno);
+        return;
+    }
+    send_mac(queries.fd, indent, name, __func__);
+    struct ifreq answer;
+    if (!query_device(__func__, queries.fd, SIOCGIFFLAGS, name, "flags", &answer))
+        return;
+    // The kernel's field is signed, and so is its way into the wider word.
+    const int flags = answer.ifr_flags;
+    const unique_text text{flag_string(static_cast<unsigned int>(flags), iffFlags)};
+    if (text)
+        conn_send_XML_string("Flags", indent, text.get());
+}
+
+/** Writes what the physical layer of a device knows, by MII or else by ethtool, and its WOL. */
+void show_link_layer(int indent, const char *name)
+{
+    constexpr char function[] = "config_show_network";
+    if (!path_exists(path_t<512>("%s/%s/device", net_class, name).text))
+        return;
+    if (show_dev_mii_info(indent, name) != 0) {
+        if (get_debug_state() >= 3)
+            debug_print("%% %s: device '%s' has no MII calling ethtool\n", function, name);
+        if (show_dev_ethtool_info(indent, name) != 0)
+            error_print("? %s: unable to read device '%s' info\n", function, name);
+    }
+    show_dev_ethtool_wol(indent, name);
+}
+
+/** Writes a Family element; only `address` has to be there. */
+void send_family(int indent, const char *address, const char *mask, const char *broadcast)
+{
+    conn_send_XML_tag(family_start, indent, 1);
+    conn_send_XML_string("Address", indent + 2, address);
+    if (mask)
+        conn_send_XML_string("Netmask", indent + 2, mask);
+    if (broadcast)
+        conn_send_XML_string("Broadcast", indent + 2, broadcast);
+    conn_send_XML_tag("Family", indent, 0);
+}
+
+/** Writes the addresses of a device, or those the host process has left for one without. */
+void show_addresses(int indent, const eth_device_t *device)
+{
+    if (device->inet_addr) {
+        send_family(indent, device->inet_addr, device->inet_mask, device->inet_brdcst);
+    } else if (OrigIpString[0]) {
+        for (char *text : {OrigIpString, OrigMaskString})
+            text[sizeof OrigIpString - 1] = '\0'; // whoever wrote it may have left none
+        send_family(indent, OrigIpString, OrigMaskString[0] ? OrigMaskString : nullptr, nullptr);
+        memset(OrigIpString, 0, sizeof OrigIpString);
+        memset(OrigMaskString, 0, sizeof OrigMaskString);
+    }
+}
+
+bool is_skipped(const char *file)
+{
+    return std::any_of(std::begin(skipped_attributes), std::end(skipped_attributes),
+                       [file](const char *skipped) { return has_prefix(file, skipped); });
+}
+
+/** Writes every readable sysfs attribute of an interface and of the hardware behind it. */
+void show_sysfs(int indent, const char *name)
+{
+    if (!name) {
+        error_invalid_arguments(__func__);
+        return;
+    }
+    const path_t<128> path("/sys/class/net/%s", name);
+    unique_directory directory{opendir(path.text)};
+    if (!directory) {
+        const int error = errno;
+        error_print("? %s: failed to open '%s', errno %d (%s)\n", __func__, path.text, error,
+                    strerror(error));
+        return;
+    }
+    conn_send_XML_tag("SysFS", indent, 1);
+    while (const char *file = next_entry(directory.get(), ENTRY_FILE | ENTRY_DOTTED))
+        if (!is_skipped(file))
+            send_attribute(interface_attribute, path_t<512>("%s/%s", path.text, file).text, file,
+                           indent + 2);
+    directory.reset();
+    if (check_real_device(name)) {
+        conn_send_XML_tag("SysFSDev", indent + 2, 1);
+        for (const char *file : hardware_attributes)
+            send_attribute(hardware_attribute,
+                           path_t<512>("/sys/class/net/%s/device/%s", name, file).text, file,
+                           indent + 4);
+        conn_send_XML_tag("SysFSDev", indent + 2, 0);
+    }
+    conn_send_XML_tag("SysFS", indent, 0);
+}
+
+void show_device(int indent, const eth_device_t *device)
+{
+    const char *name = device->device_name;
+    conn_send_format(512, "%-*s<Device Name=\"%s\">\n", indent, "", name);
+    if (has_prefix(name, "qcn") && !strchr(name, '.'))
+        conn_send_XML_string("CloudNet", indent + 2, "1");
+    vlan_info(indent + 2, name);
+    show_dev_info(indent + 4, name);
+    show_link_layer(indent + 4, name);
+    show_addresses(indent + 4, device);
+    show_sysfs(indent + 4, name);
+    conn_send_XML_tag("Device", indent, 0);
+}
+
+} // namespace
+
+void send_attribute(const attribute_kind_t &kind, const char *path, const char *element, int indent)
+{
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    if (!file) {
+        const int error = errno;
+        if (error != EACCES && error != kind.missing)
+            error_unable_to_open(kind.function, path, error);
+        return;
+    }
+    conn_send_format(128, "%-*s<%s>", indent, "", element);
+    char chunk[1024 + 1];
+    ssize_t length;
+    while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
+        while (length > 0 && isspace(static_cast<unsigned char>(chunk[length - 1])))
+            length--;
+        chunk[length] = '\0';
+        const char *text = kind.text(chunk);
+        conn_send2(text, static_cast<int>(strlen(text)));
+    }
+    const int error = errno;
+    if (length < 0 && error != EINVAL)
+        error_print("? %s: read failed on '%s', errno %d (%s)\n", kind.function, path, error,
+                    strerror(error));
+    conn_send_format(128, "</%s>\n", element);
+}
+
+int config_show_network(int indent)
+{
+    device_list_t devices;
+    if (const int status = get_network_device_list(&devices.head))
+        return status;
+    conn_send_XML_tag("Network", indent, 1);
+    while (const unique_device device = devices.take_first())
+        if (device->device_name)
+            show_device(indent + 2, device.get());
+    conn_send_XML_tag("Network", indent, 0);
+    return 0;
+}

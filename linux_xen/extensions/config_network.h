@@ -43,6 +43,34 @@ MODULE_EXPORT void free_eth_device(eth_device_t *eth);
  */
 MODULE_EXPORT int print_network();
 
+/**
+ * Writes the Network element, `indent` blanks deep: every device with its addresses, its link and
+ * its sysfs attributes. Returns 0, or the error of get_network_device_list() with nothing written.
+ */
+MODULE_EXPORT int config_show_network(int indent);
+
+/**
+ * Writes the Bonding element of the network document: mode, driver status and slaves of every bond
+ * that has slaves. Returns 0, or the error of the bond that ended it.
+ */
+MODULE_EXPORT int bonding_discover(int indent);
+
+/** Writes the Bonding element of the status document: which slaves belong to which bond. Returns 0
+ * or an error. */
+MODULE_EXPORT int bond_config(int indent);
+
+/**
+ * Writes the Bridges element: every bridge with its addresses and its ports. Returns 0, -1 when the
+ * Open vSwitch tool failed, or the error that ended the element.
+ */
+MODULE_EXPORT int bridge_config(int indent);
+
+/**
+ * Writes the Infiniband element: every InfiniBand interface with its addresses and its adapter's
+ * port. Returns 0, or the error that ended the element.
+ */
+MODULE_EXPORT int infiniband_config(int indent);
+
 struct free_device {
     void operator()(eth_device_t *device) const { free_eth_device(device); }
 };

@@ -41,31 +41,17 @@ constexpr address_query_t address_queries[] = {
 // The steps of get_network_device_list() speak in its name.
 constexpr char lister[] = "get_network_device_list";
 
-/** Asks the kernel one question about a device. A failure is only worth a debug line. */
-bool query_device(int fd, unsigned long request, const eth_device_t *eth, const char *what,
-                  struct ifreq *answer)
-{
-    *answer = interface_request(eth->device_name);
-    if (ioctl(fd, request, answer) >= 0)
-        return true;
-    const int error = errno;
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: Failed to get device '%s' %s, errno %d (%s)\n", lister,
-                    eth->device_name, what, error, strerror(error));
-    return false;
-}
-
 /** Fills in the device's addresses up to the first that cannot be had. */
 void query_addresses(int fd, eth_device_t *eth)
 {
     struct ifreq answer;
-    if (!query_device(fd, SIOCGIFHWADDR, eth, "MAC", &answer))
+    if (!query_device(lister, fd, SIOCGIFHWADDR, eth->device_name, "MAC", &answer))
         return;
     eth->hw_addr = strdup(format_mac(answer).text);
     if (!eth->hw_addr)
         return;
     for (const address_query_t &query : address_queries) {
-        if (!query_device(fd, query.request, eth, query.what, &answer))
+        if (!query_device(lister, fd, query.request, eth->device_name, query.what, &answer))
             return;
         char text[64];
         if (!format_inet(answer, text, sizeof text, lister))
@@ -108,10 +94,28 @@ struct ifreq interface_request(const char *name)
     return request;
 }
 
+int open_query_socket()
+{
+    return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+}
+
 int error_unable_to_open_socket(const char *function, int error)
 {
     error_print("? %s: unable to open socket, errno %d (%s)\n", function, error, strerror(error));
     return error;
+}
+
+bool query_device(const char *function, int fd, unsigned long request, const char *name,
+                  const char *what, struct ifreq *answer)
+{
+    *answer = interface_request(name);
+    if (ioctl(fd, request, answer) >= 0)
+        return true;
+    const int error = errno;
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: Failed to get device '%s' %s, errno %d (%s)\n", function, name, what,
+                    error, strerror(error));
+    return false;
 }
 
 mac_text_t format_mac(const struct ifreq &answer)
@@ -139,7 +143,7 @@ int get_network_device_list(eth_header_t *hdr)
 {
     if (!hdr)
         return error_invalid_arguments(__func__);
-    const unique_fd queries{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    const unique_fd queries{open_query_socket()};
     if (!queries)
         return error_unable_to_open_socket(__func__, errno);
     const unique_stream table{fopen(device_table, "re")};

@@ -11,8 +11,37 @@
 /** The kernel's interface entries. Paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
 
+/** What all blocks of IPv4 addresses begin with. */
+inline constexpr char family_start[] = "Family Type=\"AF_INET\"";
+
 /** An interface request for `name`, cut to what the kernel takes; the rest is zero. */
 struct ifreq interface_request(const char *name);
+
+/** Opens the socket that interface requests go over. Returns -1 with errno set on failure. */
+int open_query_socket();
+
+/** Logs that `function` could not open a socket because of the errno value `error`. Returns
+ * `error`. */
+int error_unable_to_open_socket(const char *function, int error);
+
+/**
+ * Asks the kernel one question about the device `name`. Returns whether it was answered; a failure
+ * is only worth a debug line of `function`, that it could not get `what`.
+ */
+bool query_device(const char *function, int fd, unsigned long request, const char *name,
+                  const char *what, struct ifreq *answer);
+
+/** The six address bytes of a SIOCGIFHWADDR answer as upper-case hex pairs joined by colons. */
+struct mac_text_t {
+    char text[18];
+};
+mac_text_t format_mac(const struct ifreq &answer);
+
+/**
+ * Writes the IPv4 address of an answer as dotted decimal into `text`, a buffer of `size` bytes.
+ * Returns whether that worked; a failure is logged in the name of `function`.
+ */
+bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const char *function);
 
 /** 1 if `devName` is a device to report, else 0. */
 int check_real_device(const char *devName);
@@ -32,18 +61,43 @@ void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth);
  */
 int get_device_mac_addr(const char *dev_name, char *mac, int mac_size);
 
-/** The six address bytes of a SIOCGIFHWADDR answer as upper-case hex pairs joined by colons. */
-struct mac_text_t {
-    char text[18];
-};
-mac_text_t format_mac(const struct ifreq &answer);
+/**
+ * Writes the Family element of an interface, `indent` blanks deep: its hardware address, its MTU if
+ * `mtu` is not 0, and its IPv4 addresses. Returns 0, or the errno of a socket that did not open.
+ */
+int show_addr_info(int indent, const char *name, int mtu);
 
 /**
- * Writes the IPv4 address of an answer as dotted decimal into `text`, a buffer of `size` bytes.
- * Returns whether that worked; a failure is logged in the name of `function`.
+ * Writes the MII element of a device from its PHY's registers (IEEE 802.3, clause 22).
+ * Returns 0; or, with nothing written, ENODEV or another errno when there are none to be had, and
+ * EINVAL when they are not to be trusted; or the error of an append.
  */
-bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const char *function);
+int show_dev_mii_info(int indent, const char *devName);
 
-/** Logs that `function` could not open a socket because of the errno value `error`. Returns
- * `error`. */
-int error_unable_to_open_socket(const char *function, int error);
+/**
+ * Writes the ETHTOOL element of a device from its driver's settings.
+ * Returns 0, EINVAL, ENODEV when the driver does not say, -1 without a socket, or the error of an
+ * append.
+ */
+int show_dev_ethtool_info(int indent, const char *devName);
+
+/** Writes the WOL element of a device, what wakes it up. */
+void show_dev_ethtool_wol(int indent, const char *devName);
+
+/** How a sysfs attribute is read and reported. */
+struct attribute_kind_t {
+    const char *function; // whose name the log lines bear
+    int missing;          // the errno of an open that, like EACCES, is not worth a log line
+    size_t chunk;         // bytes read at once, at most 1024; each chunk loses its trailing blanks
+    const char *(*text)(const char *chunk); // the part of a chunk that is reported
+};
+
+/** A chunk as it is. */
+inline const char *whole_chunk(const char *chunk)
+{
+    return chunk;
+}
+
+/** Writes the file at `path` as one element, unescaped; one that cannot be opened is left out. */
+void send_attribute(const attribute_kind_t &kind, const char *path, const char *element,
+                    int indent);

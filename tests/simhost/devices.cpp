@@ -6,8 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <linux/ethtool.h>
+#include <linux/mii.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sstream>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -15,6 +19,11 @@ using namespace simhost;
 
 namespace
 {
+
+std::string section_of(const struct ifreq &request)
+{
+    return "interface " + std::string(request.ifr_name, strnlen(request.ifr_name, IFNAMSIZ));
+}
 
 int answer_hwaddr(const char *value, struct ifreq *request)
 {
@@ -33,28 +42,102 @@ int answer_inet(const char *value, struct ifreq *request)
     return 0;
 }
 
+template <typename Number> int answer_number(const char *value, struct ifreq *request)
+{
+    const Number number = static_cast<Number>(strtol(value, nullptr, 0));
+    memcpy(&request->ifr_ifru, &number, sizeof number);
+    return 0;
+}
+
+/** The first read of the status register may have an answer of its own. */
+bool status_unread = false;
+
+/** Whether a key that need not be there makes the request fail. */
+bool fails(const std::string &section, const std::string &key)
+{
+    return !answer(section, key.c_str(), 0) && errno != 0;
+}
+
+int answer_mii_phy(const char *, struct ifreq *request)
+{
+    status_unread = true;
+    return fails(section_of(*request), "mii_phy") ? -1 : 0;
+}
+
+int answer_mii_register(const char *value, struct ifreq *request)
+{
+    struct mii_ioctl_data data;
+    memcpy(&data, &request->ifr_ifru, sizeof data);
+    const std::string section = section_of(*request);
+    if (fails(section, "mii_" + std::to_string(data.reg_num)))
+        return -1;
+    std::istringstream words{value};
+    for (int word = 0; word <= data.reg_num; word++)
+        words >> std::hex >> data.val_out;
+    if (data.reg_num == MII_BMSR && status_unread) {
+        status_unread = false;
+        if (const char *first = answer(section, "mii_first", 0))
+            data.val_out = static_cast<uint16_t>(strtoul(first, nullptr, 16));
+    }
+    memcpy(&request->ifr_ifru, &data, sizeof data);
+    return 0;
+}
+
+template <typename Command, auto Member>
+int answer_ethtool(const char *value, struct ifreq *request)
+{
+    reinterpret_cast<Command *>(request->ifr_data)->*Member =
+        static_cast<uint32_t>(strtoul(value, nullptr, 0));
+    return 0;
+}
+
+int answer_settings(const char *value, struct ifreq *request)
+{
+    auto *settings = reinterpret_cast<struct ethtool_cmd *>(request->ifr_data);
+    sscanf(value, "%x %x %hu %hhu %hhu", &settings->supported, &settings->advertising,
+           &settings->speed, &settings->duplex, &settings->autoneg);
+    return 0;
+}
+
 /** The requests to a network device: the key of the answer in its section, and the errno without
  * one. */
 struct device_request_t {
     unsigned long request;
+    uint32_t command; // of SIOCETHTOOL
     const char *key;
     int missing;
     int (*fill)(const char *value, struct ifreq *request);
 };
 
 constexpr device_request_t device_requests[] = {
-    {SIOCGIFHWADDR, "hwaddr", ENODEV, answer_hwaddr},
-    {SIOCGIFADDR, "address", EADDRNOTAVAIL, answer_inet},
-    {SIOCGIFBRDADDR, "broadcast", EADDRNOTAVAIL, answer_inet},
-    {SIOCGIFNETMASK, "netmask", EADDRNOTAVAIL, answer_inet},
+    {SIOCGIFHWADDR, 0, "hwaddr", ENODEV, answer_hwaddr},
+    {SIOCGIFADDR, 0, "address", EADDRNOTAVAIL, answer_inet},
+    {SIOCGIFBRDADDR, 0, "broadcast", EADDRNOTAVAIL, answer_inet},
+    {SIOCGIFNETMASK, 0, "netmask", EADDRNOTAVAIL, answer_inet},
+    {SIOCGIFFLAGS, 0, "flags", ENODEV, answer_number<short>},
+    {SIOCGIFMTU, 0, "mtu", ENODEV, answer_number<int>},
+    {SIOCGMIIPHY, 0, "mii", EOPNOTSUPP, answer_mii_phy},
+    {SIOCGMIIREG, 0, "mii", EOPNOTSUPP, answer_mii_register},
+    {SIOCETHTOOL, ETHTOOL_GLINK, "glink", EOPNOTSUPP,
+     answer_ethtool<ethtool_value, &ethtool_value::data>},
+    {SIOCETHTOOL, ETHTOOL_GSET, "gset", EOPNOTSUPP, answer_settings},
+    {SIOCETHTOOL, ETHTOOL_GWOL, "gwol", EOPNOTSUPP,
+     answer_ethtool<ethtool_wolinfo, &ethtool_wolinfo::wolopts>},
 };
+
+bool matches(const device_request_t &row, unsigned long request, const void *argument)
+{
+    return row.request == request &&
+           (request != SIOCETHTOOL ||
+            *reinterpret_cast<const uint32_t *>(
+                static_cast<const struct ifreq *>(argument)->ifr_data) == row.command);
+}
 
 int answer_device(const device_request_t &row, struct ifreq *request)
 {
     if (plan("ioctl") == outcome::failed)
         return -1;
-    const std::string name(request->ifr_name, strnlen(request->ifr_name, IFNAMSIZ));
-    const char *value = answer("interface " + name, row.key, row.missing);
+    const char *value = answer(section_of(*request), row.key, row.missing);
     return value ? row.fill(value, request) : -1;
 }
 
@@ -79,7 +162,7 @@ int ioctl(int fd, unsigned long request, ...)
         return ipmi_ioctl(request, argument);
     if (host().loaded)
         for (const device_request_t &row : device_requests)
-            if (row.request == request)
+            if (matches(row, request, argument))
                 return answer_device(row, static_cast<struct ifreq *>(argument));
     return REAL(ioctl)(fd, request, argument);
 }

@@ -7,11 +7,13 @@
  *   === /PATH hex [@ADDRESS]                      bytes: hex pairs and "strings", # comments
  *   === /PATH/                                    a directory, needed only where it is empty
  *   === /PATH -> TARGET                           a link
- *   === [SECTION]                                 lines of "key value", for example of an
- * interface; the value !ERRNO makes the request fail
+ *   === [SECTION]                                 lines of "key value"; !ERRNO: the request fails
  *   === # anything                                a comment
  * The sections:
- *   [interface NAME]   the answers of a network device
+ *   [interface NAME]   a network device: hwaddr, address, netmask, broadcast, flags, mtu;
+ *                      mii (16 hex words, the registers from 0), mii_phy and mii_N (only to fail),
+ *                      mii_first (hex, the first read of register 1); glink, gset (SUPPORTED
+ *                      ADVERTISING in hex, SPEED DUPLEX AUTONEG), gwol
  *   [hypervisor]       physical information by its C names, hw_cap (8 hex words), scheduler ID,
  *                      and open, physinfo and getinfo with !ERRNO; without it, opening fails
  *   [domain ID]        a domain: handle UUID, state WORDS, credit WEIGHT CAP, sedf PERIOD SLICE
@@ -19,6 +21,7 @@
  *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
  *                      or behind "silence", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
  *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
+ * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs.
  * Directory entries are yielded in the order of the recording.
  */
 #pragma once

@@ -1,0 +1,18 @@
+#include <algorithm>
+
+#include "agent_discover.h"
+#include "config_network.h"
+
+int agent_discover_network(int indent)
+{
+    if (get_debug_state() >= 1)
+        debug_print("%s:\n", __func__);
+    // Far beyond what a line has room for, a depth is only work, and in the end an overflow.
+    constexpr int deepest = 1 << 16;
+    indent = std::clamp(indent, -deepest, deepest);
+    config_show_network(indent);
+    bonding_discover(indent);
+    bridge_config(indent);
+    infiniband_config(indent);
+    return 0;
+}

@@ -1,0 +1,206 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "config_network_internal.h"
+
+namespace
+{
+
+constexpr char bonding_directory[] = "/proc/net/bonding";
+
+// The banner, a blank line and the mode, which sysfs tells better.
+constexpr int heading_lines = 3;
+
+// Lines of no interest, by the beginning of their keys: hash policy, 802.3ad, LACP, aggregators.
+constexpr const char *skipped_keys[] = {"Tran", "802.", "LACP", "Acti", "Aggr"};
+
+// The steps of show_bond_status() speak in its name.
+constexpr char reporter[] = "show_bond_status";
+
+int error_reading(const char *path, int error)
+{
+    error_print("? %s: error reading file '%s', errno %d (%s)\n", reporter, path, error,
+                strerror(error));
+    return error;
+}
+
+/** One line of a bond's status file. A null key: nothing to report. */
+struct bond_line_t {
+    unique_text key;
+    unique_text value;
+};
+
+/** Takes a line apart, "Key (unit): value"; the line is changed. */
+bond_line_t parse_bond_line(char *line)
+{
+    char *colon = strchr(line, ':');
+    if (line[0] == '\t' || has_prefix(line, "Slave queue") || !colon)
+        return {};
+    unique_text value{string_trim(colon[1] ? colon + 2 : "")};
+    *colon = '\0';
+    line[strcspn(line, "(")] = '\0';
+    unique_text key{string_trim(line)};
+    if (!key)
+        return {};
+    constexpr char targets[] = "ARP IP target";
+    if (has_prefix(key.get(), "ARP IP target/s"))
+        key.get()[sizeof targets - 1] = '\0';
+    std::replace(key.get(), key.get() + strlen(key.get()), ' ', '_');
+    for (const char *skipped : skipped_keys)
+        if (has_prefix(key.get(), skipped))
+            return {};
+    return {std::move(key), std::move(value)};
+}
+
+/** Writes one line of the status file; a slave's lines go into an element that is then open. */
+int send_bond_line(int indent, const bond_line_t &line, bool *slave_open)
+{
+    const char *key = line.key.get();
+    const char *value = line.value ? line.value.get() : "";
+    if (!has_prefix(key, "Slave"))
+        return conn_send_format(1024, "%-*s<%s>%s</%s>\n", *slave_open ? indent + 2 : indent, "",
+                                key, value, key);
+    if (*slave_open) {
+        *slave_open = false;
+        if (const int status = conn_send_format(1024, "%-*s</%s>\n", indent, "", key))
+            return status;
+    }
+    *slave_open = true;
+    return conn_send_format(1024, "%-*s<%s Name=\"%s\">\n", indent, "", key, value);
+}
+
+/** Writes what a bond's status file says. Returns 0, or the error that ended it. */
+int send_bond_lines(int indent, FILE *file, const char *path, bool *slave_open)
+{
+    char text[256];
+    for (int number = 1; fgets(text, sizeof text, file); number++) {
+        if (number <= heading_lines)
+            continue;
+        const bond_line_t line = parse_bond_line(text);
+        if (!line.key)
+            continue;
+        if (const int status = send_bond_line(indent, line, slave_open))
+            return status;
+    }
+    const int error = errno;
+    return ferror(file) ? error_reading(path, error) : 0;
+}
+
+/** Opens a file of a bond. Null after a failure, which is logged and left in `error`. */
+unique_stream open_bond_file(const char *path, int *error)
+{
+    unique_stream file{fopen(path, "re")};
+    if (!file)
+        *error = error_unable_to_open(reporter, path, errno);
+    return file;
+}
+
+/** Reads a bond's mode, "active-backup 1", into `line` and leaves the word. Returns 0 or an errno.
+ */
+int read_bond_mode(const char *name, char *line, int size)
+{
+    const path_t<256> path("%s/%s/bonding/mode", net_class, name);
+    int error = 0;
+    const unique_stream file = open_bond_file(path.text, &error);
+    if (!file)
+        return error;
+    errno = EINVAL; // for a file without a line
+    if (!fgets(line, size, file.get()))
+        return error_reading(path.text, errno);
+    line[strcspn(line, " \n")] = '\0';
+    return 0;
+}
+
+/** Writes one bond, unless it has no slaves. */
+int show_bond_status(int indent, const char *name)
+{
+    if (!name || indent < 0)
+        return error_invalid_arguments(__func__);
+    int status = 0;
+    unique_stream file =
+        open_bond_file(path_t<256>("%s/%s/bonding/slaves", net_class, name).text, &status);
+    char line[256]; // the slaves, then the mode
+    if (!file || !fgets(line, sizeof line, file.get()))
+        return status;
+    status = read_bond_mode(name, line, sizeof line);
+    if (status != 0)
+        return status;
+    const path_t<512> path("%s/%s", bonding_directory, name);
+    file = open_bond_file(path.text, &status);
+    if (!file)
+        return status;
+    status = conn_send_format(1024, "%-*s<Device Name=\"%s\">\n", indent, "", name);
+    if (status == 0)
+        status =
+            conn_send_format(1024, "%-*s<Bonding_Mode>%s</Bonding_Mode>\n", indent + 2, "", line);
+    bool slave_open = false;
+    if (status == 0)
+        status = send_bond_lines(indent + 2, file.get(), path.text, &slave_open);
+    if (status != 0) {
+        if (slave_open)
+            conn_close_early("Slave_Interface", indent + 2, status);
+        return conn_close_early("Device", indent, status);
+    }
+    if (slave_open)
+        conn_send_XML_tag("Slave_Interface", indent + 2, 0);
+    file.reset();
+    show_addr_info(indent + 2, name, 1);
+    conn_send_XML_tag("Device", indent, 0);
+    return 0;
+}
+
+/** Writes the slaves that a bond's directory tells of. Returns 0 or the errno of a failure. */
+int send_bond_slaves(int indent, const char *path)
+{
+    const unique_directory bond{opendir(path)};
+    if (!bond)
+        return error_unable_to_open("bond_config", path, errno);
+    bool open = false;
+    while (const char *entry = next_entry(bond.get(), ENTRY_OTHER_THAN_DIRECTORY)) {
+        if (!has_prefix(entry, "slave"))
+            continue;
+        if (!open)
+            conn_send_format(128, "%-*s<Device Name=\"%s\">\n", indent, "",
+                             path + sizeof net_class - 1);
+        open = true;
+        const size_t prefix = std::min(strlen(entry), strlen("slave_"));
+        conn_send_format(128, "%-*s<Interface>%s</Interface>\n", indent + 2, "", entry + prefix);
+    }
+    if (open)
+        conn_send_format(128, "%-*s</Device>\n", indent, "");
+    return 0;
+}
+
+} // namespace
+
+int bonding_discover(int indent)
+{
+    if (!path_exists(bonding_directory))
+        return 0;
+    const unique_directory bonds{opendir(bonding_directory)};
+    if (!bonds)
+        return error_unable_to_open(__func__, bonding_directory, errno);
+    conn_send_XML_tag("Bonding", indent, 1);
+    while (const char *name = next_entry(bonds.get(), ENTRY_OTHER_THAN_DIRECTORY))
+        if (const int status = show_bond_status(indent + 2, name))
+            return conn_close_early("Bonding", indent, status);
+    return conn_send_XML_tag("Bonding", indent, 0);
+}
+
+int bond_config(int indent)
+{
+    const unique_directory interfaces{opendir(net_class)};
+    if (!interfaces)
+        return error_unable_to_open(__func__, net_class, errno);
+    conn_send_XML_tag("Bonding", indent, 1);
+    // As many bonds are looked for as there are directories, whatever their names.
+    for (int number = 0; next_entry(interfaces.get(), ENTRY_DIRECTORY); number++) {
+        const path_t<128> bond("%sbond%d", net_class, number);
+        if (!path_exists(bond.text))
+            continue;
+        if (const int status = send_bond_slaves(indent + 2, bond.text))
+            return conn_close_early("Bonding", indent, status);
+    }
+    return conn_send_XML_tag("Bonding", indent, 0);
+}

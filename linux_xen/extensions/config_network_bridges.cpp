@@ -1,0 +1,199 @@
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include "config_network_internal.h"
+
+namespace
+{
+
+constexpr char switch_tool[] = "/usr/bin/ovs-vsctl";
+constexpr int64_t tool_seconds = 5;
+
+// The steps of show_opensw_ifs() speak in its name.
+constexpr char switch_reporter[] = "show_opensw_ifs";
+
+constexpr const char *virtual_ports[] = {"vif", "tap"};
+
+int begin_bridge(int indent, const char *name)
+{
+    if (const int status = conn_send_format(1024, "%-*s<Device Name=\"%s\">\n", indent, "", name))
+        return status;
+    show_addr_info(indent + 2, name, 0);
+    conn_send_format(1024, "%-*s<Interfaces>\n", indent + 2, "");
+    return 0;
+}
+
+int send_port(int indent, const char *port)
+{
+    const char *element = "PhyInterface";
+    for (const char *prefix : virtual_ports)
+        if (has_prefix(port, prefix))
+            element = "VirtInterface";
+    return conn_send_format(1024, "%-*s<%s>%s</%s>\n", indent, "", element, port, element);
+}
+
+int end_bridge(int indent)
+{
+    conn_send_format(1024, "%-*s</Interfaces>\n", indent + 2, "");
+    return conn_send_XML_tag("Device", indent, 0);
+}
+
+/** Writes a bridge of the kernel's own. */
+int show_bridge_ifs(int indent, const char *name)
+{
+    if (indent < 0)
+        return error_invalid_arguments(__func__);
+    const path_t<256> path("%s/%s/%s", net_class, name, "brif");
+    const unique_directory ports{opendir(path.text)};
+    if (!ports)
+        return error_unable_to_open(__func__, path.text, errno);
+    if (const int status = begin_bridge(indent, name))
+        return status;
+    while (const char *port = next_entry(ports.get(), ENTRY_OTHER_THAN_DIRECTORY | ENTRY_DOTTED))
+        if (!has_prefix(port, "vif0") && send_port(indent + 4, port) != 0)
+            break;
+    return end_bridge(indent);
+}
+
+/** A moment on the clock that only goes forward, in milliseconds. */
+int64_t now_ms()
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/** The child's part between fork and exec: async-signal-safe calls alone. */
+[[noreturn]] void run_switch_tool(int output, const char *bridge)
+{
+    // Already there when the host process has closed its own: then it must only stay open.
+    if ((output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO)) < 0)
+        _exit(1);
+    // Whoever writes more than is read is not to die of it, as under Python, which ignores it too.
+    signal(SIGPIPE, SIG_IGN);
+    execl(switch_tool, "ovs-vsctl", "list-ports", bridge, static_cast<char *>(nullptr));
+    _exit(127);
+}
+
+/** Reads once what comes before the deadline. Returns false when nothing does, not even the end. */
+bool read_before(int64_t deadline, int fd, char *text, size_t size)
+{
+    struct pollfd output = {fd, POLLIN, 0};
+    int ready;
+    do {
+        const int64_t left = std::max(deadline - now_ms(), int64_t{0});
+        ready = poll(&output, 1, static_cast<int>(left));
+    } while (ready < 0 && errno == EINTR);
+    ssize_t length = 0;
+    if (ready > 0) {
+        do {
+            length = read(fd, text, size - 1);
+        } while (length < 0 && errno == EINTR);
+    }
+    text[std::max(length, ssize_t{0})] = '\0';
+    return ready != 0;
+}
+
+/**
+ * Reaps the child if it ends before the deadline. Returns whether it is gone: a host process that
+ * has its children reaped by others leaves no status, and `status` stays as it is.
+ */
+bool reap_before(int64_t deadline, pid_t child, int *status)
+{
+    constexpr struct timespec pause = {0, 1000000};
+    for (;;) {
+        const pid_t reaped = waitpid(child, status, WNOHANG);
+        if (reaped == child || (reaped < 0 && errno != EINTR))
+            return true;
+        if (now_ms() >= deadline)
+            return false;
+        nanosleep(&pause, nullptr);
+    }
+}
+
+/**
+ * Has the switch's tool list a bridge's ports into `text`, as much of it as one read gives.
+ * Returns 0, the errno of a failed pipe or fork, or -1 when the tool failed or never ended.
+ */
+int list_switch_ports(const char *bridge, char *text, size_t size)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        const int error = errno;
+        error_print("? %s: can not Create pipe , errno %d (%s)\n", switch_reporter, error,
+                    strerror(error));
+        return error;
+    }
+    unique_fd reading{ends[0]};
+    unique_fd writing{ends[1]};
+    const pid_t child = fork();
+    if (child < 0) {
+        const int error = errno;
+        error_print("? %s: can not fork, errno %d (%s)\n", switch_reporter, error, strerror(error));
+        return error;
+    }
+    if (child == 0)
+        run_switch_tool(writing.fd, bridge);
+    writing.reset();
+    const int64_t deadline = now_ms() + tool_seconds * 1000;
+    const bool answered = read_before(deadline, reading.fd, text, size);
+    reading.reset();
+    int status = 0;
+    if (answered && reap_before(deadline, child, &status))
+        return status == 0 ? 0 : -1;
+    kill(child, SIGKILL);
+    reap_before(now_ms() + 1000, child, &status); // only the kernel can hold it up now
+    error_print("? %s: %s did not end within %ld seconds and was killed\n", switch_reporter,
+                switch_tool, tool_seconds);
+    return -1;
+}
+
+/** Writes a bridge of Open vSwitch. */
+int show_opensw_ifs(int indent, const char *name)
+{
+    if (!name || indent < 0)
+        return error_invalid_arguments(__func__);
+    int status = begin_bridge(indent, name);
+    if (status != 0)
+        return status;
+    char text[1024 + 1];
+    status = list_switch_ports(name, text, sizeof text);
+    if (status != 0) {
+        conn_close_early("Interfaces", indent + 2, status);
+        return conn_close_early("Device", indent, status);
+    }
+    char *port = text;
+    while (char *end = strchr(port, '\n')) {
+        *end = '\0';
+        if (send_port(indent + 4, port) != 0)
+            break;
+        port = end + 1;
+    }
+    return end_bridge(indent);
+}
+
+} // namespace
+
+int bridge_config(int indent)
+{
+    const unique_directory interfaces{opendir(net_class)};
+    if (!interfaces)
+        return error_unable_to_open(__func__, net_class, errno);
+    conn_send_XML_tag("Bridges", indent, 1);
+    while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {
+        if (!path_exists(path_t<128>("%s/%s/bridge", net_class, name).text))
+            continue;
+        const bool open_switch = path_exists("/sys/module/openvswitch_mod");
+        const int status =
+            open_switch ? show_opensw_ifs(indent + 2, name) : show_bridge_ifs(indent + 2, name);
+        if (status != 0)
+            return conn_close_early("Bridges", indent, status);
+    }
+    return conn_send_XML_tag("Bridges", indent, 0);
+}
