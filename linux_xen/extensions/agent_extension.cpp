@@ -8,6 +8,7 @@
 
 #include "agent_common.h"
 #include "agent_discover.h"
+#include "agent_status.h"
 
 namespace
 {
@@ -60,6 +61,15 @@ PyObject *ZorvikDiscoverExtension_discover_network(PyObject *, PyObject *args)
     return finish(agent_discover_network(indent), conn);
 }
 
+PyObject *ZorvikDiscoverExtension_status(PyObject *, PyObject *args)
+{
+    const char *cmdstring = nullptr;
+    if (!PyArg_ParseTuple(args, "s", &cmdstring))
+        return nullptr;
+    conn_t *conn = new_conn();
+    return finish(agent_status(conn, cmdstring), conn);
+}
+
 PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 {
     conn_t *conn = new_conn();
@@ -69,6 +79,7 @@ PyObject *ZorvikDiscoverExtension_unique_id(PyObject *, PyObject *)
 PyMethodDef ZorvikDiscoverExtensionMethods[] = {
     {"discover_hardware", ZorvikDiscoverExtension_discover_hardware, METH_VARARGS, nullptr},
     {"discover_network", ZorvikDiscoverExtension_discover_network, METH_VARARGS, nullptr},
+    {"status", ZorvikDiscoverExtension_status, METH_VARARGS, nullptr},
     {"unique_id", ZorvikDiscoverExtension_unique_id, METH_VARARGS, nullptr},
     {nullptr, nullptr, 0, nullptr},
 };

@@ -71,6 +71,12 @@ MODULE_EXPORT int bridge_config(int indent);
  */
 MODULE_EXPORT int infiniband_config(int indent);
 
+/**
+ * Writes the Network element of the status document: every interface's packets and bytes, both
+ * ways. There is only the minimal form. Returns 0, or the error that ended the element.
+ */
+MODULE_EXPORT int network_status(int indent, int onlyMinimum);
+
 struct free_device {
     void operator()(eth_device_t *device) const { free_eth_device(device); }
 };

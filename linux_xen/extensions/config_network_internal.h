@@ -101,3 +101,9 @@ inline const char *whole_chunk(const char *chunk)
 /** Writes the file at `path` as one element, unescaped; one that cannot be opened is left out. */
 void send_attribute(const attribute_kind_t &kind, const char *path, const char *element,
                     int indent);
+
+/**
+ * Writes the counters of one interface as a Device of the status document, in the minimal form.
+ * Returns 0, EINVAL, the errno of statistics that cannot be opened, or the error of an append.
+ */
+int show_dev_stats(int indent, const char *name, int onlyMinimum);

@@ -1,0 +1,105 @@
+// The memory section of the status document.
+#include "agent_status.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "config_memory.h"
+
+namespace
+{
+
+constexpr long ovhdMB = 28; // what the hypervisor keeps back for itself and for a new machine
+
+/** The memory above the overhead, in MiB. */
+long beyond_overhead(long freeMB)
+{
+    return freeMB > ovhdMB ? freeMB - ovhdMB : 0;
+}
+
+int send_available(int indent, unsigned long free_kb)
+{
+    const long freeMB = static_cast<long>(free_kb / 1024);
+    if (get_debug_state() >= 3)
+        debug_print("%% %s: freeMB %ld ovhdMB %ld availMB %ld\n", "send_memory_info", freeMB,
+                    ovhdMB, beyond_overhead(freeMB));
+    return conn_send_format(256, "%-*s<AvailableMB>%ld</AvailableMB>\n", indent, "",
+                            available_memory(freeMB));
+}
+
+int send_hypervisor(int indent, const struct hypervisor_meminfo_contents &hmi)
+{
+    const int deeper = indent + 2;
+    conn_send_XML_tag("PhysicalInfo", indent, 1);
+    if (const int status = conn_send_format(
+            256,
+            "%-*s<TotalKB>%lu</TotalKB>\n%-*s<FreeKB>%lu</FreeKB>\n%-*s<ScrubKB>%lu</ScrubKB>\n",
+            deeper, "", hmi.hmi_MemTotal_inKB, deeper, "", hmi.hmi_MemFree_inKB, deeper, "",
+            hmi.hmi_Scrub_inKB))
+        return status;
+    conn_send_XML_tag("PhysicalInfo", indent, 0);
+    return 0;
+}
+
+int send_balloon(int indent, const struct xenballoon_contents &xbc)
+{
+    const int deeper = indent + 2;
+    conn_send_XML_tag("Balloon", indent, 1);
+    if (const int status =
+            conn_send_format(256,
+                             "%-*s<CurrentKB>%lu</CurrentKB>\n%-*s<RequestedKB>%lu</RequestedKB>\n"
+                             "%-*s<LowMemKB>%lu</LowMemKB>\n",
+                             deeper, "", xbc.xbc_CurrentAllocation_inKB, deeper, "",
+                             xbc.xbc_RequestedTarget_inKB, deeper, "", xbc.xbc_LowMemBalloon_inKB))
+        return status;
+    conn_send_XML_tag("Balloon", indent, 0);
+    return 0;
+}
+
+int send_meminfo(int indent, const struct meminfo_contents &mic)
+{
+    const int deeper = indent + 2;
+    conn_send_XML_tag("Meminfo", indent, 1);
+    if (const int status =
+            conn_send_format(256, "%-*s<TotalKB>%lu</TotalKB>\n%-*s<FreeKB>%lu</FreeKB>\n", deeper,
+                             "", mic.mic_MemTotal_inKB, deeper, "", mic.mic_MemFree_inKB))
+        return status;
+    conn_send_XML_tag("Meminfo", indent, 0);
+    return 0;
+}
+
+} // namespace
+
+long available_memory(long freeMB)
+{
+    // One part in 101 of what is handed out goes into its administration.
+    return beyond_overhead(freeMB) * 100 / 101;
+}
+
+int send_memory_info(int indent)
+{
+    const int child = indent + 2;
+    if (const int status = conn_send_XML_tag("Memory", indent, 1))
+        return status;
+    struct hypervisor_meminfo_contents hmi;
+    if (const int status = read_hypervisor_meminfo(&hmi)) {
+        const int error = errno;
+        error_print("? %s: dmc_read_hypervisor_meminfo failed, sts %d, errno %d (%s)\n", __func__,
+                    status, error, strerror(error));
+    }
+    if (const int status = send_available(child, hmi.hmi_MemFree_inKB))
+        return status;
+    if (const int status = send_hypervisor(child, hmi))
+        return status;
+    struct xenballoon_contents xbc;
+    if (const int status = read_xenballoon_instantaneous(&xbc))
+        return conn_close_early("Memory", indent, status);
+    if (const int status = send_balloon(child, xbc))
+        return status;
+    struct meminfo_contents mic;
+    if (const int status = read_meminfo(&mic))
+        return conn_close_early("Memory", indent, status);
+    if (const int status = send_meminfo(child, mic))
+        return status;
+    return conn_send_XML_tag("Memory", indent, 0);
+}

@@ -1,0 +1,116 @@
+#include "config_memory.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+#include "agent_handles.h"
+#include "agent_hypervisor.h"
+
+namespace
+{
+
+constexpr unsigned long kb_per_page = 4;
+
+/** Takes the figures of `contents` from a file's text. Returns whether they were all there. */
+template <typename Contents> using parse_t = bool (*)(const char *text, Contents *contents);
+
+/**
+ * Reads a file whole and parses it, up to ten times: a driver may be caught in the middle of a
+ * change. At most `Size` - 1 characters are looked at. Returns 0, EINVAL or an errno.
+ */
+template <size_t Size, typename Contents>
+int read_contents(const char *path, parse_t<Contents> parse, Contents *contents)
+{
+    constexpr int most_failures = 10;
+    *contents = {};
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    if (!file)
+        return errno;
+    for (int sscanf_err_cnt = 0; sscanf_err_cnt < most_failures;) {
+        char text[Size];
+        if (lseek(file.fd, 0, SEEK_SET) < 0)
+            return errno;
+        const ssize_t length = read(file.fd, text, sizeof text - 1);
+        if (length < 0) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        if (length == 0)
+            break;
+        text[length] = '\0';
+        if (parse(text, contents))
+            return 0;
+        sscanf_err_cnt++;
+    }
+    return EINVAL;
+}
+
+bool parse_meminfo(const char *text, struct meminfo_contents *mic)
+{
+    return sscanf(text,
+                  "MemTotal: %lu kB\nMemFree: %lu kB\nBuffers: %lu kB\nCached: %lu kB\n"
+                  "SwapCached: %lu kB\nActive: %lu kB\nInactive: %lu kB\nHighTotal: %lu kB\n"
+                  "HighFree: %lu kB\nLowTotal: %lu kB\nLowFree: %lu kB\nSwapTotal: %lu kB\n"
+                  "SwapFree: %lu kB\nDirty: %lu kB\nWriteback: %lu kB\nAnonPages: %lu kB\n"
+                  "Mapped: %lu kB\nSlab: %lu kB\n",
+                  &mic->mic_MemTotal_inKB, &mic->mic_MemFree_inKB, &mic->mic_Buffers_inKB,
+                  &mic->mic_Cached_inKB, &mic->mic_SwapCached_inKB, &mic->mic_Active_inKB,
+                  &mic->mic_Inactive_inKB, &mic->mic_HighTotal_inKB, &mic->mic_HighFree_inKB,
+                  &mic->mic_LowTotal_inKB, &mic->mic_LowFree_inKB, &mic->mic_SwapTotal_inKB,
+                  &mic->mic_SwapFree_inKB, &mic->mic_Dirty_inKB, &mic->mic_Writeback_inKB,
+                  &mic->mic_AnonPages_inKB, &mic->mic_Mapped_inKB, &mic->mic_Slab_inKB) == 18;
+}
+
+bool parse_balloon(const char *text, struct xenballoon_contents *xbc)
+{
+    char limit[64] = "";
+    const int item_count =
+        sscanf(text,
+               "Current allocation: %lu kB\nRequested target: %lu kB\nLow-mem balloon: %lu kB\n"
+               "High-mem balloon: %lu kB\nDriver pages: %lu kB\nXen hard limit: %63s kB\n",
+               &xbc->xbc_CurrentAllocation_inKB, &xbc->xbc_RequestedTarget_inKB,
+               &xbc->xbc_LowMemBalloon_inKB, &xbc->xbc_HighMemBalloon_inKB,
+               &xbc->xbc_DriverPages_inKB, limit);
+    xbc->xbc_XenHardLimit_inKB = 0;
+    // The driver writes question marks where the hypervisor has set no limit.
+    if (item_count == 5 || (item_count == 6 && limit[0] == '?'))
+        return true;
+    return item_count == 6 && sscanf(limit, "%lu", &xbc->xbc_XenHardLimit_inKB) == 1;
+}
+
+} // namespace
+
+int read_meminfo(struct meminfo_contents *contents)
+{
+    if (!contents)
+        return error_invalid_arguments(__func__);
+    return read_contents<8193>("/proc/meminfo", parse_meminfo, contents);
+}
+
+int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *contents)
+{
+    if (!contents)
+        return error_invalid_arguments(__func__);
+    *contents = {};
+    unique_hypervisor handle{xc_interface_open(nullptr, nullptr, 0)};
+    if (!handle)
+        return errno;
+    xc_physinfo_t physinfo = {};
+    const int status = xc_physinfo(handle.get(), &physinfo);
+    const int error = errno;
+    handle.reset();
+    errno = error;
+    if (status == 0)
+        *contents = {physinfo.total_pages * kb_per_page, physinfo.free_pages * kb_per_page,
+                     physinfo.scrub_pages * kb_per_page};
+    return status;
+}
+
+int read_xenballoon_instantaneous(struct xenballoon_contents *contents)
+{
+    if (!contents)
+        return error_invalid_arguments(__func__);
+    return read_contents<4097>("/proc/xen/balloon", parse_balloon, contents);
+}

@@ -1,0 +1,92 @@
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+#include "config_network_internal.h"
+
+namespace
+{
+
+/** A file of the kernel's statistics, named like its element. */
+struct net_stat {
+    const char *name;
+};
+
+constexpr net_stat net_stats[] = {{"rx_packets"}, {"rx_bytes"}, {"tx_packets"}, {"tx_bytes"}};
+
+// By the beginning of their names: back-ends of the control domain itself, and tunnels.
+constexpr const char *unreported_prefixes[] = {"vif0", "veth", "sit"};
+
+constexpr char device_writer[] = "show_dev_stats"; // its steps speak in its name
+
+/** Whether the traffic of an interface is reported: it is none of the virtual kinds, and no bridge.
+ */
+bool is_reported(const char *name)
+{
+    return std::none_of(std::begin(unreported_prefixes), std::end(unreported_prefixes),
+                        [name](const char *prefix) { return has_prefix(name, prefix); }) &&
+           !path_exists(path_t<128>("%s/%s/bridge", net_class, name).text);
+}
+
+/** Writes what one read of a counter file gives, without the white space behind it. */
+void send_value(int fd)
+{
+    char text[1023];
+    ssize_t length = read(fd, text, sizeof text);
+    while (length > 0 && isspace(static_cast<unsigned char>(text[length - 1])))
+        length--;
+    if (length > 0)
+        conn_send2(text, static_cast<int>(length));
+}
+
+/** Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed
+ * append. */
+int send_counter(int indent, const char *directory, const char *name)
+{
+    const path_t<256> path("%s/%s", directory, name);
+    const unique_fd file{open(path.text, O_RDONLY | O_CLOEXEC)};
+    if (!file) {
+        const int error = errno;
+        error_print("? %s: unable to open '%s', errno %d(%s)\n", device_writer, path.text, error,
+                    strerror(error));
+        return 0;
+    }
+    if (const int status = conn_send_format(256, "%-*s<%s>", indent, "", name))
+        return status;
+    send_value(file.fd);
+    return conn_send_format(256, "</%s>\n", name);
+}
+
+} // namespace
+
+int network_status(int indent, int onlyMinimum)
+{
+    const unique_directory interfaces{opendir(net_class)};
+    if (!interfaces)
+        return error_unable_to_open(__func__, net_class, errno);
+    conn_send_XML_tag("Network", indent, 1);
+    while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
+        if (is_reported(name))
+            if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
+                return conn_close_early("Network", indent, status);
+    return conn_send_XML_tag("Network", indent, 0);
+}
+
+int show_dev_stats(int indent, const char *name, int)
+{
+    if (indent < 0 || !name)
+        return error_invalid_arguments(__func__);
+    const path_t<256> directory("%s/%s/%s", net_class, name, "statistics");
+    if (!unique_directory{opendir(directory.text)})
+        return error_unable_to_open(__func__, directory.text, errno);
+    if (const int status = conn_send_format(256, "%-*s<Device Name=\"%s\">\n", indent, "", name))
+        return status;
+    if (const int status = conn_send_XML_tag("Statistics", indent + 2, 1))
+        return status;
+    for (const net_stat &counter : net_stats)
+        if (send_counter(indent + 4, directory.text, counter.name) != 0)
+            break;
+    return conn_send_format(256, "%-*s</Statistics>\n%-*s</Device>\n", indent + 2, "", indent, "");
+}

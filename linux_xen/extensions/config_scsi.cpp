@@ -1,0 +1,147 @@
+#include "config_scsi.h"
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+
+#include "agent_handles.h"
+
+namespace
+{
+
+constexpr char port_class[] = "/sys/class/fc_host";
+constexpr char port_prefix[] = "host";
+constexpr size_t longest_port = 64;
+constexpr char writer[] = "scsi_status"; // its steps speak in its name
+
+struct scsi_stat {
+    const char *sysfsName;
+    const char *xmlName;
+};
+
+constexpr scsi_stat scsi_stats[] = {
+    {"rx_words", "Rx_Words"},
+    {"tx_words", "Tx_Words"},
+};
+
+/** A line of the report. One that fills its buffer is refused rather than cut. */
+struct report_line_t {
+    char text[1024];
+    int length;
+
+    explicit report_line_t(const char *format, ...) PRINTF_FORMAT(2, 3)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        length = vsnprintf(text, sizeof text, format, arguments);
+        va_end(arguments);
+    }
+
+    bool too_long() const { return length >= static_cast<int>(sizeof text) - 1; }
+    int send() const { return conn_send2(text, length); }
+};
+
+/** Logs that a step of the counter file at `path` failed because of the errno value `error`. */
+void log_counter(unsigned int location, const char *what, const char *path, int error)
+{
+    error_print("? %u %s: %s '%s', errno %d(%s)\n", location, writer, what, path, error,
+                strerror(error));
+}
+
+/** Reads a counter's text without the white space behind it. Returns whether there was any; a
+ * failure is logged. */
+bool read_counter(const char *path, char *text, size_t size)
+{
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    if (!file) {
+        log_counter(156, "unable to open", path, errno);
+        return false;
+    }
+    size_t length = 0;
+    while (length < size - 1) {
+        const ssize_t count = read(file.fd, text + length, size - 1 - length);
+        if (count == 0)
+            break;
+        if (count > 0) {
+            length += static_cast<size_t>(count);
+        } else if (errno != EINTR) {
+            log_counter(179, "read error", path, errno);
+            return false;
+        }
+    }
+    const bool any = length > 0;
+    while (length > 0 && isspace(static_cast<unsigned char>(text[length - 1])))
+        length--;
+    text[length] = '\0';
+    return any;
+}
+
+/** Writes one counter of a port, if it can be had. Returns 0 or the error of a failed append. */
+int send_counter(const scsi_stat &counter, const char *port, int indent)
+{
+    const path_t<PATH_MAX> path("%s/%s/statistics/%s", port_class, port, counter.sysfsName);
+    char text[128];
+    if (!read_counter(path.text, text, sizeof text))
+        return 0;
+    const report_line_t line("%-*s<%s>%s</%s>\n", indent, "", counter.xmlName, text,
+                             counter.xmlName);
+    if (!line.too_long())
+        return line.send();
+    error_print("? %u %s: impossible %d '%s' '%s'\n", 205, writer, indent, counter.xmlName, text);
+    return 0;
+}
+
+/** Writes the element of one port. Returns 0 or the error of a failed append. */
+int send_port(const char *port, int indent)
+{
+    const char *number = port + strlen(port_prefix);
+    const report_line_t start("%-*s<Host Num=\"%s\">\n", indent, "", number);
+    if (start.too_long()) {
+        error_print("? %u %s: impossible %d '%s'\n", 120, writer, indent, number);
+        return 0;
+    }
+    if (const int status = start.send())
+        return status;
+    conn_send_XML_tag("Statistics", indent + 2, 1);
+    for (const scsi_stat &counter : scsi_stats)
+        if (const int status = send_counter(counter, port, indent + 4))
+            return status;
+    if (const int status = conn_send_XML_tag("Statistics", indent + 2, 0))
+        return status;
+    return conn_send_XML_tag("Host", indent, 0);
+}
+
+/** Whether a directory entry is a port to report. */
+bool is_port(const char *name)
+{
+    const size_t length = strlen(name);
+    if (!has_prefix(name, port_prefix) || length <= strlen(port_prefix))
+        return false;
+    if (length <= longest_port)
+        return true;
+    error_print("? %u %s: impossible  : %s/ '%s' too long [%lu]\n", 108, writer, port_class, name,
+                length);
+    return false;
+}
+
+} // namespace
+
+int show_scsi_status(int indent, int newWay, int)
+{
+    return newWay ? scsi_status(indent) : 0;
+}
+
+int scsi_status(int indent)
+{
+    const unique_directory ports{opendir(port_class)};
+    if (!ports)
+        return 0;
+    conn_send_XML_tag("SCSI", indent, 1);
+    while (const char *name = next_entry(ports.get(), ENTRY_ANY))
+        if (is_port(name))
+            if (const int status = send_port(name, indent + 2))
+                return status;
+    return conn_send_XML_tag("SCSI", indent, 0);
+}
