@@ -21,6 +21,7 @@
  *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
  *                      or behind "silence", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
  *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
+ *   [time]             now SECONDS, and step SECONDS: what each time() call adds for the next one
  * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs.
  * Directory entries are yielded in the order of the recording.
  */
