@@ -7,6 +7,7 @@
 
 #include "agent_discover.h"
 #include "config_network.h"
+#include "agent_status.h"
 
 namespace fs = std::filesystem;
 
@@ -54,6 +55,8 @@ int run(const call_t &call)
             std::setw(sizeof OrigMaskString) >> OrigMaskString;
         return agent_discover_network(indent);
     }
+    if (call.function == "status")
+        return agent_status(new_conn(), call.arguments.c_str());
     ADD_FAILURE() << "unknown function " << call.function;
     return -1;
 }

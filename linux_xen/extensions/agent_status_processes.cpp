@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -118,19 +117,22 @@ proc_stat_t scan_proc_stat(const char *line)
     return p;
 }
 
-/** A number's digits. */
-struct digits_t {
+/** A number's text, without leading zeros. */
+template <unsigned int Base> struct digits_t {
     char text[24];
-    size_t length;
+    char *first = text + sizeof text;
 
-    template <typename Value>
-    digits_t(Value value, int base)
-        : length(
-              static_cast<size_t>(std::to_chars(text, text + sizeof text, value, base).ptr - text))
+    explicit digits_t(unsigned long value, bool negative = false)
     {
+        do {
+            *--first = "0123456789abcdef"[value % Base];
+            value /= Base;
+        } while (value > 0);
+        if (negative)
+            *--first = '-';
     }
 
-    std::string_view view() const { return {text, length}; }
+    std::string_view view() const { return {first, text + sizeof text}; }
 };
 
 /**
@@ -179,7 +181,9 @@ struct group_t {
     template <typename Value>
     group_t &decimal(std::string_view name, Value value, const char *behind = "")
     {
-        const digits_t digits(static_cast<long>(value), 10);
+        const auto number = static_cast<long>(value);
+        const auto bits = static_cast<unsigned long>(number);
+        const digits_t<10> digits(number < 0 ? 0 - bits : bits, number < 0);
         line("<", name, ">", digits.view(), behind, "</", name, ">\n");
         return *this;
     }
@@ -187,7 +191,7 @@ struct group_t {
     /** A value as 0x%lx writes it. */
     template <typename Value> group_t &hexadecimal(std::string_view name, Value value)
     {
-        const digits_t digits(static_cast<unsigned long>(value), 16);
+        const digits_t<16> digits(static_cast<unsigned long>(value));
         line("<", name, ">0x", digits.view(), "</", name, ">\n");
         return *this;
     }

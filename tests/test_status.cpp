@@ -1,0 +1,152 @@
+// The status command's language, stat lines, memory sources and the availability rule.
+#include <climits>
+#include <sstream>
+
+#include "agent_status.h"
+#include "config_memory.h"
+#include "fixture.h"
+
+struct Status : HostTest {
+    Status()
+    {
+        simhost::host().sections["hypervisor"].emplace("scheduler", "5");
+        for (const char *path : {"/proc/1/stat", "/sys/class/net/x", "/sys/class/fc_host/x"})
+            put(path, "1 (init) S 0");
+    }
+
+    static void put(const char *path, const std::string &content)
+    {
+        simhost_put(path, content.data(), content.size());
+    }
+
+    /** The elements below the root, or else the text of those that have one: each behind a blank.
+     */
+    static std::string found(bool sections)
+    {
+        std::istringstream lines{response()};
+        std::string all;
+        for (std::string line; std::getline(lines, line);) {
+            const size_t start = sections ? 3 : line.find('>') + 1;
+            const size_t end = line.find_first_of(sections ? " >" : "<", start);
+            if (sections ? line.find('<') == 2 && line[3] != '/' : end != std::string::npos)
+                all.append(" ").append(line, start, end - start);
+        }
+        return all;
+    }
+};
+
+TEST_F(Status, SelectsSections)
+{
+    const std::string rest = " Memory Network Scheduler SCSI";
+    const struct {
+        std::string command, sections;
+    } rows[] = {
+        {" \t\n\v\f\r", " CPUTime" + rest},
+        {"option:processes", " Processes"},
+        {"OPTIONS to show :\v\r\n\f\tscsi \v", " SCSI"},
+        {"Option: Memory Option: CPU", " CPUTime Memory"},
+        {"Option:SCSIDom_Info_BriefOption:CPUNETWORK", " CPUTime Domains Network SCSI"},
+        {"Option: AllBridge_Config", " CPUTime Processes" + rest + " Bridges Bonding"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(agent_status(new_conn(), row.command.c_str()), 0);
+        EXPECT_EQ(found(true), row.sections + " StatusDeltaTime") << row.command;
+        conn_free(&the_connection);
+    }
+}
+
+TEST_F(Status, RejectsCommands)
+{
+    const std::string allowed = "Allowed options are: All CPU Memory Network Processes Scheduler "
+                                "SCSI Dom_Info_Brief Bridge_Config\n";
+    const std::string most(992, 'x');
+    const struct {
+        std::string command, answer;
+    } rows[] = {
+        {"Option: MemoryCPU", "400 Unknown command 'CPU'\n"},
+        {"Option: CPUAll", "400 Unknown command 'All'\n"},
+        {"Option: CPU Memory  ", "400 Unknown command 'Memory  '\n"},
+        {"Option: Networking", "400 Unknown command 'ing'\n"},
+        {"Option CPU", "400 Badly formed command option ' CPU'\n"},
+        {"Option:\n", "400 Unknown command option ''\n" + allowed},
+        {"Option: :CPU", "400 Unknown command option ':CPU'\n" + allowed},
+        {most, "400 Unknown command '" + most + "'\n"},
+        {most + "x", "500 Generic failure response on close\n"},
+        {"Option" + most, "400 Badly formed command option '" + most.substr(0, 226) + "\n"},
+        {"Option:" + most, "400 Unknown command option '" + most.substr(0, 231) + "\n" + allowed},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(agent_status(new_conn(), row.command.c_str()), EINVAL);
+        EXPECT_EQ(response(), "Status: " + row.answer);
+        conn_free(&the_connection);
+    }
+    EXPECT_EQ(agent_status(nullptr, ""), EINVAL);
+    EXPECT_EQ(agent_status(&the_connection, nullptr), EINVAL);
+    EXPECT_EQ(logged(), "? agent_status: invalid arguments\n? agent_status: no command\n");
+}
+
+TEST_F(Status, ScansStatLines)
+{
+    std::string numbers = "1 (c) S", name(63, 'n'), least = " -9223372036854775808";
+    for (int field = 4; field <= 39; field++)
+        numbers.append(" ").append(std::to_string(field));
+    const std::string rest = " 0x0 0 0x0 0x0 0x0 0x0 0x0 0 0x0 0x0 0x0 0 0 0 0 0.";
+    const struct {
+        std::string line, values; // in the order of the report
+    } rows[] = {
+        {numbers, " S (c) 4 5 6 7 8 10 11 12 13 18 0x9 38 0x1a 0x1b 0x1c 0x1d 0x1e 22 0x17 0x18 "
+                  "0x19 19 21 39 0x23 14 16 15 17."},
+        {"x (c) S 4", "  0 0 0 0 0 0 0 0 0 0" + rest},
+        {"1 (a b) R 4", " b (a 0 0 0 0 0 0 0 0 0 0" + rest},
+        {"1\t" + name + "Z -5\n6", " Z " + name + " -5 0 0 0 0 0 0 0 0 0" + rest},
+        {"1 (c) S -2147483649 4294967297 +1-1x", " S (c) 2147483647 1 1 -1 0 0 0 0 0 0" + rest},
+        {"1 (c) S 1 1 1 1 1 0 99999999999999999999 0 9223372036854775808 -1",
+         " S (c) 1 1 1 1 1 -1 0 -9223372036854775808 -1 0" + rest},
+        {std::string(501, ' ') + "1 (c) S 456", " S (c) 45 0 0 0 0 0 0 0 0 0" + rest},
+    };
+    for (const auto &row : rows) {
+        put("/proc/7/stat", row.line);
+        EXPECT_EQ(send_proc_info(4, "7"), 0);
+        EXPECT_EQ(found(false), row.values) << row.line;
+        conn_free(&the_connection);
+    }
+    // The last group takes 260 characters at the most, and loses those that find no room.
+    put("/proc/7/stat", "1 (c) S 0 0 0 0 0 0 0 0 0 0" + least + least + least + least);
+    EXPECT_EQ(send_proc_info(4, "7"), 0);
+    EXPECT_EQ(response().substr(response().rfind("  </R")), "  </RUs    </Process>\n");
+}
+
+TEST_F(Status, ReadsMemoryFiles)
+{
+    meminfo_contents meminfo;
+    put("/proc/meminfo", "MemTotal: 1 kB\nMemAvailable: 1 kB\n");
+    simhost_fail("read", 2, EINTR, 3);
+    EXPECT_EQ(read_meminfo(&meminfo), EINVAL);
+    put("/proc/meminfo", "");
+    EXPECT_EQ(read_meminfo(&meminfo), EINVAL);
+    EXPECT_EQ(simhost_calls("read"), 3 + 10 + 1);
+
+    const struct {
+        std::string limit;
+        int status;
+        unsigned long hard_limit;
+    } rows[] = {
+        {"", 0, 0},
+        {"Xen hard limit: ??? kB\n", 0, 0},
+        {"Xen hard limit:   77 kB\n", 0, 77},
+        {"Xen hard limit: " + std::string(200, '1') + " kB\n", 0, ULONG_MAX},
+        {"Xen hard limit: none\n", EINVAL, 0},
+    };
+    for (const auto &row : rows) {
+        xenballoon_contents balloon;
+        put("/proc/xen/balloon", "Current allocation: 1 kB\nRequested target:\t2 kB\nLow-mem "
+                                 "balloon: 3 kB\nHigh-mem balloon: 4 kB\nDriver pages: 5 kB\n" +
+                                     row.limit);
+        EXPECT_EQ(read_xenballoon_instantaneous(&balloon), row.status);
+        EXPECT_EQ(balloon.xbc_XenHardLimit_inKB, row.hard_limit);
+    }
+    constexpr long available[][2] = {{1024, 986}, {1023, 985}, {130, 100},
+                                     {30, 1},     {29, 0},     {28, 0}};
+    for (const auto &[free_mb, available_mb] : available)
+        EXPECT_EQ(available_memory(free_mb), available_mb);
+}
