@@ -156,6 +156,7 @@ TEST_P(Campaign, EveryCallFailsOnce)
                     return;
             }
         }
+        simhost_fail("", 0, 0, 0);
         EXPECT_EQ(ask(call), healthy);
     }
     simhost_unload();

@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "agent_discover.h"
-#include "config_network.h"
 #include "agent_status.h"
+#include "config_network.h"
 
 namespace fs = std::filesystem;
 

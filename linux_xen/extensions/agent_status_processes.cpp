@@ -200,9 +200,8 @@ struct group_t {
 void send_process(int indent, const char *pidName, const proc_stat_t &p)
 {
     const int c = indent + 2;
-    const char state[] = {p.state, '\0'};
-    conn_send_format(256, "%-*s<Process PID=\"%s\">\n%-*s<State>%s</State>\n", indent, "", pidName,
-                     c, "", state);
+    conn_send_format(256, "%-*s<Process PID=\"%s\">\n%-*s<State>%c</State>\n", indent, "", pidName,
+                     c, "", p.state ? p.state : '0');
     if (p.comm[0])
         conn_send_XML_string("Command", c, p.comm);
     group_t(c)

@@ -12,8 +12,8 @@ extern "C" time_t time(time_t *also)
     const char *step = answer("time", "step", 0);
     if (!now)
         return REAL(time)(also);
-    const time_t seconds = atol(now);
-    host().sections["time"]["now"] = std::to_string(seconds + (step ? atol(step) : 0));
+    plan("time");
+    const time_t seconds = atol(now) + (simhost_calls("time") - 1) * (step ? atol(step) : 0);
     if (also)
         *also = seconds;
     return seconds;
