@@ -114,6 +114,8 @@ void check(const answer_t &healthy, const answer_t &faulty, const way_t &way)
     if (!strcmp(way.call, "malloc") || faulty.response.find('<') == std::string::npos)
         return; // an append that failed took its lines, end tags among them, with it
     const auto before = lines_of(healthy.response), after = lines_of(faulty.response);
+    if (!open_elements(before).empty())
+        return; // the document ends early, or its lines are cut
     const auto start = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
     if (start.second == after.end())
         return; // the rest of the document is missing: no hypervisor
