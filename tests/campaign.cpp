@@ -117,8 +117,12 @@ void check(const answer_t &healthy, const answer_t &faulty, const way_t &way)
     if (!open_elements(before).empty())
         return; // the document ends early, or its lines are cut
     const auto start = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
-    if (start.second == after.end())
-        return; // the rest of the document is missing: no hypervisor
+    if (start.second == after.end()) {
+        // Only the hardware document may break off, where the hypervisor does not answer.
+        EXPECT_TRUE(start.first == before.end() || !strcmp(way.call, "xc_interface_open") ||
+                    !strcmp(way.call, "xc_physinfo"));
+        return;
+    }
     const size_t shared = static_cast<size_t>(start.first - before.begin());
     const auto end = std::mismatch(before.rbegin(), before.rend() - static_cast<long>(shared),
                                    after.rbegin(), after.rend() - static_cast<long>(shared));

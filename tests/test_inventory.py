@@ -4,6 +4,7 @@ Runs under Python 3 with the simulated host preloaded: /dev/mem is the recorded 
 """
 import base64
 import os
+import re
 import struct
 import subprocess
 import tempfile
@@ -18,6 +19,9 @@ KEYWORDS = {
     "System": {"UUID": "system-uuid", "Manufacturer": "system-manufacturer",
                "ProductName": "system-product-name", "Version": "system-version",
                "SerialNumber": "system-serial-number"},
+    "Module": {"Manufacturer": "baseboard-manufacturer", "ProductName": "baseboard-product-name",
+               "Version": "baseboard-version", "SerialNumber": "baseboard-serial-number",
+               "AssetTag": "baseboard-asset-tag"},
     "Chassis": {"Manufacturer": "chassis-manufacturer", "Version": "chassis-version",
                 "SerialNumber": "chassis-serial-number", "AssetTag": "chassis-asset-tag"},
 }
@@ -61,19 +65,25 @@ class InventoryTest(unittest.TestCase):
             listing = dmidecode(dump.name)
             for element, keywords in KEYWORDS.items():
                 for child, keyword in keywords.items():
-                    told = dmidecode(dump.name, "-s", keyword).strip("\n")
-                    ours = inventory.findtext("%s/%s" % (element, child)) or ""
+                    told = dmidecode(dump.name, "-s", keyword).splitlines()
+                    ours = [found.findtext(child, "") for found in inventory.findall(element)]
                     if child == "UUID":
-                        told, ours = told.replace("-", ""), ours.replace(":", "")
-                    self.assertEqual(ours, "" if told in ABSENT else told, (element, child))
+                        ours = [uuid.replace(":", "") for uuid in ours]
+                        told = [uuid.replace("-", "") for uuid in told]
+                    told = ["" if text in ABSENT else text for text in told]
+                    self.assertEqual(ours, told or [""] * len(ours), (element, child))
         items = int(inventory.findtext("DMI/Items"))
         self.assertIn("%d structures occupying %d bytes" % (items, len(table)), listing)
         smbios = inventory.find("SMBIOS")
-        version = inventory.find("DMI").get("Version") if smbios is None else smbios.get("Version")[:3]
+        version = inventory.find("DMI").get("Version") if smbios is None else smbios.get("Version").rsplit(".", 1)[0]
         self.assertIn(" %s present" % version, listing)
         for element, decoded in (("BIOS", "BIOS Information"), ("Module", "Base Board Information"),
                                  ("Chassis", "Chassis Information")):
             self.assertEqual(len(inventory.findall(element)), listing.count(decoded), element)
+        for child, told in (("Cores", "Core Count"), ("Threads", "Thread Count"),
+                            ("CoresEnabled", "Core Enabled")):
+            self.assertEqual([found.text for found in inventory.iter(child)],
+                             re.findall(told + r": (\d+)", listing), child)
 
     def test_entry_points(self):
         for host in ("rack-server", "old-server"):

@@ -9,8 +9,9 @@
 
 bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id)
 {
-    return vcpus >= nr_online_vcpus && vcpus <= max_vcpu_id &&
-           max_vcpu_id != XEN_INVALID_MAX_VCPU_ID;
+    // The hypervisor gives no domain more; it says ~0 of one that has none at all.
+    constexpr uint32_t most_vcpus = 8192;
+    return vcpus >= nr_online_vcpus && vcpus <= max_vcpu_id && max_vcpu_id < most_vcpus;
 }
 
 namespace
@@ -102,7 +103,8 @@ void show_proc_cpuinfo(int indent)
     if (!hypervisor)
         return;
     xc_dominfo_t domain = {};
-    if (const int count = xc_domain_getinfo(hypervisor.get(), 0, 1, &domain); count < 1) {
+    if (const int count = xc_domain_getinfo(hypervisor.get(), 0, 1, &domain);
+        count < 1 || domain.domid != 0) {
         error_print("? %s: unable to get domain 0 info, status %d\n", __func__, count);
         return;
     }

@@ -208,7 +208,7 @@ struct topology_t {
 
 /**
  * Derives the spread from the hypervisor's counts of threads, cores, memory nodes and logical
- * processors. A value that cannot be worked out from a count of zero is 0.
+ * processors. A quotient whose divisor is zero counts as 0.
  */
 topology_t derive_topology(uint32_t threads_per_core, uint32_t cores_per_socket, uint32_t nr_nodes,
                            uint32_t nr_cpus);
@@ -219,7 +219,8 @@ void config_send_cpuinfo(int indent);
 
 /**
  * Whether a processor is to be added behind the `vcpus` that there are so far: the kernel has
- * listed all that are online, and the domain can have more, up to the number `max_vcpu_id`.
+ * listed all that are online, and the domain can have more, up to the number `max_vcpu_id`. No
+ * domain has a number of 8192 or above: such a value adds none.
  */
 bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id);
 

@@ -178,10 +178,8 @@ void send_table_dump(const unsigned char *table, int length, int indent)
 
 int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **retString)
 {
-    if (!binary || !retString || binLen < 0 || indent < 0) {
-        error_invalid_arguments(__func__);
-        return EINVAL;
-    }
+    if (!binary || !retString || binLen < 0 || indent < 0)
+        return error_invalid_arguments(__func__);
     const int characters = 4 * ((binLen + 2) / 3);
     const int lines = characters / MIME_LINE_CHARS + 1;
     const int size = lines * (indent + MIME_LINE_CHARS + 2);

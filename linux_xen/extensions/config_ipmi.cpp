@@ -38,7 +38,7 @@ constexpr int last_channel = 14;
 constexpr int medium_lan = 4;
 constexpr int medium_other_lan = 6;
 
-/** The answer to Get Channel Info. */
+/** The answer to Get Channel Info (IPMI 2.0, section 22.24). */
 typedef struct channel_info_response_s {
     uint8_t completion_code;
     uint8_t channel;
@@ -71,7 +71,10 @@ bool send_request(int fd, const struct ipmi_msg *msg)
     request.addr = reinterpret_cast<unsigned char *>(&address);
     request.addr_len = sizeof address;
     request.msgid = next_message_id();
-    request.msg = *msg;
+    request.msg.netfn = msg->netfn;
+    request.msg.cmd = msg->cmd;
+    request.msg.data_len = msg->data_len;
+    request.msg.data = msg->data;
     if (get_debug_state() >= 1) {
         debug_print("%% %s: Sending IPMI Message, ID %ld\n", channel_name, request.msgid);
         dump_buffer("Request Buffer", &request, sizeof request);
@@ -184,6 +187,7 @@ void get_system_guid(int indent, int fd)
 {
     constexpr const char *complaints[] = {nullptr, "failed", "returned no data",
                                           "returned invalid data"};
+    static_assert(std::size(complaints) == REPLY_REFUSED + 1, "one for each state, in their order");
     const struct ipmi_msg request = {netfn_application, cmd_get_system_guid, 0, nullptr};
     const unique_reply reply = ipmicmd(fd, &request);
     const reply_state state = judge_reply(reply.get());

@@ -28,11 +28,12 @@ struct exchange_t {
     int interrupted;
     short events;
     int receive_error;
+    bool late;
 };
 
 exchange_t &exchange()
 {
-    static auto &the_exchange = *new exchange_t{{nullptr, 0, -1, {}}, "", 0, 0, 0};
+    static auto &the_exchange = *new exchange_t{{nullptr, 0, -1, {}}, "", 0, 0, 0, false};
     return the_exchange;
 }
 
@@ -67,11 +68,16 @@ int send_command(const struct ipmi_req &request)
     for (int i = 0; i < request.msg.data_len; i++)
         length += snprintf(key + length, 4, ".%02x", request.msg.data[i]);
     const char *reply = answer("ipmi", key, 0);
-    exchange() = {request, "", 0, POLLIN, 0};
+    // What came too late for the last request is there for this one.
+    if (std::exchange(exchange().late, false)) {
+        exchange().events = POLLIN;
+        return 0;
+    }
+    exchange() = {request, "", 0, POLLIN, 0, false};
     std::istringstream words{reply ? reply : "c1"};
     for (std::string word; words >> word;) {
-        if (word == "silence")
-            exchange().events = 0;
+        if (word == "silence" || word == "late")
+            exchange().events = 0, exchange().late = word == "late";
         else if (word == "pollerr")
             exchange().events = POLLIN | POLLERR;
         else if (word.rfind("eintr", 0) == 0)

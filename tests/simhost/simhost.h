@@ -19,7 +19,7 @@
  *   [domain ID]        a domain: handle UUID, state WORDS, credit WEIGHT CAP, sedf PERIOD SLICE
  *                      LATENCY EXTRATIME WEIGHT, and the numbers of its record
  *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
- *                      or behind "silence", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
+ *                      or behind "silence", "late", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
  *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
  *   [time]             now SECONDS, and step SECONDS: what each time() call adds for the next one
  * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs.
