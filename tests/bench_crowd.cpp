@@ -1,5 +1,6 @@
 // A crowd of sleeping processes, and the bare loop that the process list is measured against.
-//   bench_crowd COUNT: makes the crowd; for every line of input, times one loop, prints the seconds.
+//   bench_crowd COUNT: makes the crowd; for every line of input, times one loop, prints the
+//   seconds.
 #include <chrono>
 #include <csignal>
 #include <cstdio>

@@ -120,20 +120,6 @@ TEST_F(Firmware, UnusableIdentifiersFallBackToTheCards)
     EXPECT_EQ(response(), "(null)");
 }
 
-TEST_F(Firmware, TheFirstAnchorDecidesWhateverItsChecksum)
-{
-    const bytes_t table = system_structure(good_uuid);
-    for (const int smb_length : {31, -1}) {
-        bytes_t memory = low_memory(0xF0100, 31, 0x28, 1, table);
-        memory.replace(0xF0000, 32, low_memory(0xF0000, smb_length, 0x28, 1, table), 0xF0000, 32);
-        memory[0xF000E]++; // in the SMBIOS part of the one, in the DMI part of the other
-        put_memory(memory);
-        EXPECT_EQ(unique_id(), card_order);
-        EXPECT_EQ(logged(), smb_length > 0 ? "? get_smbios_structures: SMB checksum failed\n"
-                                           : "? get_smbios_structures: DMI checksum failed\n");
-    }
-}
-
 /** The structures of a table as "TYPE:TOTAL", and what the walk logged. */
 std::string walked(const bytes_t &table, int items)
 {

@@ -39,74 +39,6 @@ protected:
     }
 };
 
-TEST_F(Network, AutonegotiationAndSpeed)
-{
-    // Control, status, what this side and the partner advertise, 1000BASE-T status.
-    const struct {
-        std::string bmcr, bmsr, advertised, partner, stat1000, state_and_speed;
-        int result = 0;
-    } rows[] = {
-        {"1000", "782d", "01e1", "45e1", "0000", "|Complete|100baseT-FD"},
-        {"1000", "782d", "01e1", "05e1", "0000", "|Incomplete|100baseT-FD"},
-        {"1000", "782d", "03e1", "4281", "0000", "|Complete|10baseT-HD"}, // 100BASE-T4
-        {"1000", "782d", "01e1", "40e1", "0000", "|Complete|100baseT-HD"},
-        {"1000", "782d", "01e1", "4061", "0000", "|Complete|10baseT-FD"},
-        {"1000", "782d", "01e1", "4021", "0000", "|Complete|10baseT-HD"},
-        {"1140", "782d", "01e1", "40a1", "0800", "|Complete|1000baseT-FD"},
-        {"1140", "782d", "01e1", "40a1", "0400", "|Complete|1000baseT-HD"},
-        {"1140", "782d", "01e1", "41e1", "0400", "|Complete|1000baseT-FD"},
-        {"1000", "782d", "0101", "4080", "0000", "|Failed"},
-        {"1200", "780d", "01e1", "45e1", "0000", "|Restarted"},
-        {"1140", "780d", "01e1", "45e1", "0000", "|"},
-        {"2100", "780d", "01e1", "0000", "0000", "|Off|100baseT-FD"},
-        {"0140", "780d", "01e1", "0000", "0000", "|Off|1000baseT-FD"},
-        {"2040", "780d", "01e1", "0000", "0000", "|Off|100baseT-HD"},
-        {"0000", "780d", "01e1", "0000", "0000", "|Off|10baseT-HD"},
-        {"1140", "782d", "01e1", "45e1", "0000", "", EINVAL}, // not to be trusted
-        {"ffff", "ffff", "ffff", "ffff", "ffff", "", ENODEV},
-    };
-    for (const auto &row : rows) {
-        load("=== [interface eth0]\nmii " + row.bmcr + " " + row.bmsr + " 0 0 " + row.advertised +
-             " " + row.partner + " 0 0 0 0 " + row.stat1000 + "\n");
-        EXPECT_EQ(show_dev_mii_info(0, "eth0"), row.result) << row.bmcr << row.partner;
-        EXPECT_EQ(texts("State") + texts("Speed"), row.state_and_speed) << row.bmcr << row.partner;
-    }
-}
-
-TEST_F(Network, ModeLists)
-{
-    load("=== [interface eth0]\n"
-         "mii c680 ff14 0022 ffff 03e0 03e0 0 0 0 0300 0c00 0 0 0 0 3000\nmii_first ff10\n"
-         "gset 0x102f 0 65535 1 1\nglink 0\n"
-         "=== [interface eth1]\nmii 0 0 0 0 0 0020 0 0 0 0 0c00 0 0 0 0 f000\ngset 0 40 10 0 2\n"
-         "=== [interface eth2]\nmii 0\nmii_15 !EIO\nglink 1\n");
-    const std::string low = "100baseT-FD 100baseT-HD 10baseT-FD 10baseT-HD";
-    ASSERT_EQ(show_dev_mii_info(0, "eth0"), 0);
-    EXPECT_EQ(simhost_calls("ioctl"), 18);
-    EXPECT_EQ(texts("Link") + texts("Vendor") + texts("Model") + texts("Revision"),
-              "|ok|00:08:bf|63|15");
-    EXPECT_EQ(texts("ModeControl") + texts("Status"),
-              "|software reset, loopback, isolate, collision test, "
-              "|autonegotiation restarted remote fault");
-    EXPECT_EQ(texts("Capabilities") + texts("Advertising") + texts("LinkPartner"),
-              "|1000baseT-FD 1000baseT-HD 100baseT-FD 100baseT-HD 100base-4k 100base2-FD "
-              "100base2-HD 10baseT-FD 10baseT-HD|1000baseT-FD 1000baseT-HD " +
-                  low + "|1000baseT-FD 1000baseT-HD " + low);
-    conn_free(&the_connection);
-    ASSERT_EQ(show_dev_mii_info(0, "eth1"), 0);
-    EXPECT_EQ(texts("Capabilities") + texts("Advertising") + texts("LinkPartner"), "||");
-    EXPECT_EQ(show_dev_mii_info(0, "eth2"), EIO);
-    EXPECT_EQ(show_dev_mii_info(0, "eth3"), EOPNOTSUPP);
-
-    conn_free(&the_connection);
-    ASSERT_EQ(show_dev_ethtool_info(0, "eth0"), 0);
-    EXPECT_EQ(texts("State") + texts("Speed") + texts("Link"), "|Incomplete|65535baseT-FD|none");
-    EXPECT_EQ(texts("Capabilities") + texts("Advertising"),
-              "|10baseT-HD 10baseT-FD 100baseT-HD 100baseT-FD 1000baseT-FD 10000baseT-FD|");
-    EXPECT_EQ(show_dev_ethtool_info(0, "eth1"), ENODEV);
-    EXPECT_EQ(show_dev_ethtool_info(0, "eth2"), ENODEV);
-}
-
 TEST_F(Network, BondLines)
 {
     load(bond +
@@ -127,19 +59,6 @@ TEST_F(Network, BondLines)
         "    <Currently_Active_Slave>th0</Currently_Active_Slave>\n    <Up_Delay>0</Up_Delay>\n"
         "    <Slave_Interface Name=\"eth0\">\n      <Speed>10</Speed>\n    </Slave_Other>\n"
         "    <Slave_Other Name=\"eth1\">\n      <Nothing></Nothing>\n    </Slave_Interface>\n");
-}
-
-TEST_F(Network, VlanIdsAndBaseNames)
-{
-    std::string table, files;
-    for (const std::string name : {".7", "eth0.100", "eth0.12345", "eth0.7.8", "eth0.x", "vlan7"}) {
-        table += name + ": 0\n";
-        files += "=== /proc/net/vlan/" + name + "\n";
-    }
-    load("=== /proc/net/dev\n" + table + files);
-    EXPECT_EQ(config_show_network(0), 0);
-    EXPECT_EQ(texts("Vlanid"), "|7|100|1234|7|");
-    EXPECT_EQ(texts("Basename"), "||eth0|eth0|eth0|eth0");
 }
 
 TEST_F(Network, OpenSwitchTool)

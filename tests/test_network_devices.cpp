@@ -86,29 +86,3 @@ TEST_F(Devices, LongNamesNeverOverflowARequest)
     const struct ifreq request = interface_request("a-name-of-more-than-15");
     EXPECT_STREQ(request.ifr_name, "a-name-of-more-");
 }
-
-TEST_F(Devices, KernelAddressTexts)
-{
-    const struct {
-        const char *device;
-        int result;
-        std::string mac, log;
-    } rows[] = {
-        {"eth10", 1, "00:16:3e:00:00:0a", "(null)"},
-        {"eth2", 0, "", "(null)"}, // empty
-        {"em1", 0, "",
-         "get_device_mac_addr: unable to open /sys/class/net//em1/address, errno 2 (No such file "
-         "or "
-         "directory)\n"},
-        {"qcn2", 0, "",
-         "get_device_mac_addr: failed to read /sys/class/net//qcn2/address, errno 22 (Invalid "
-         "argument)\n"},
-    };
-    for (const auto &row : rows) {
-        conn_free(&the_connection);
-        char mac[128] = "";
-        EXPECT_EQ(get_device_mac_addr(row.device, mac, sizeof mac), row.result);
-        EXPECT_EQ(mac, row.mac);
-        EXPECT_EQ(logged(), row.log);
-    }
-}
