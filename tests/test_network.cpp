@@ -33,8 +33,8 @@ protected:
         const std::string all = response();
         const std::string start = "<" + element + ">";
         for (size_t at = 0; (at = all.find(start, at)) != std::string::npos; at++)
-            found += std::string("|") +
-                     all.substr(at + start.size(), all.find('<', at + 1) - at - start.size());
+            found.append("|").append(all, at + start.size(),
+                                     all.find('<', at + 1) - at - start.size());
         return found;
     }
 };

