@@ -158,6 +158,12 @@ template <size_t Size> struct path_t {
 /** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
 bool path_exists(const char *path);
 
+/** The characters of isspace() in the POSIX locale, whatever the host process's locale is. */
+inline constexpr char white_space[] = " \t\n\v\f\r";
+
+/** How many of the `length` characters of `text` are left without the white space behind them. */
+size_t trimmed_length(const char *text, size_t length);
+
 /** Whether `text` begins with `prefix`. */
 bool has_prefix(const char *text, const char *prefix);
 

@@ -14,6 +14,13 @@ bool path_exists(const char *path)
     return stat(path, &status) == 0;
 }
 
+size_t trimmed_length(const char *text, size_t length)
+{
+    while (length > 0 && memchr(white_space, text[length - 1], sizeof white_space - 1))
+        length--;
+    return length;
+}
+
 bool has_prefix(const char *text, const char *prefix)
 {
     return strncmp(text, prefix, strlen(prefix)) == 0;

@@ -48,15 +48,22 @@ constexpr section_t sections[] = {
 };
 
 constexpr char driver[] = "agent_status";
-constexpr char white_space[] = " \t\n\v\f\r";
+
+/** An ASCII letter in lower case, whatever the host process's locale makes of an "I". */
+char lower(char letter)
+{
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
 
 /** Moves `at` behind `word`, letter case ignored. Returns whether it stood there. */
 bool skip_word(const char *&at, const char *word)
 {
-    const size_t length = strlen(word);
-    if (strncasecmp(at, word, length) != 0)
+    const char *next = at;
+    for (; *word && lower(*next) == lower(*word); word++)
+        next++;
+    if (*word)
         return false;
-    at += length;
+    at = next;
     return true;
 }
 

@@ -34,7 +34,8 @@ template <typename Report> void for_each_domain(xc_interface *handle, Report rep
 {
     xc_dominfo_t info;
     for (uint32_t first = 0; first <= UINT16_MAX; first = info.domid + 1) {
-        if (xc_domain_getinfo(handle, first, 1, &info) < 1 || info.domid < first)
+        if (xc_domain_getinfo(handle, first, 1, &info) < 1 || info.domid < first ||
+            info.domid > UINT16_MAX)
             return;
         report(info);
     }

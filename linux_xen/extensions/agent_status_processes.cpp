@@ -16,7 +16,6 @@ namespace
 
 constexpr char proc_root[] = "/proc";
 constexpr int unknown_processor = 255;
-constexpr char white_space[] = " \t\n\v\f\r";
 
 /** The fields of a stat line, as far as they are looked at; proc(5) numbers them in this order. */
 struct proc_stat_t {
@@ -92,8 +91,8 @@ bool scan(const char *&at, char &value)
 template <size_t Size> bool scan(const char *&at, char (&word)[Size])
 {
     at += strspn(at, white_space);
-    const size_t length = std::min(strcspn(at, white_space), Size - 1);
-    memcpy(word, at, length);
+    const size_t length = strcspn(at, white_space);
+    memcpy(word, at, std::min(length, Size - 1)); // what does not fit is passed over
     at += length;
     return length > 0;
 }

@@ -47,8 +47,9 @@ struct xenballoon_contents {
 };
 
 /**
- * Reads /proc/meminfo (format: proc(5)), in the layout of kernels up to 2.6.27: later ones have
- * other keys between these. Returns 0, EINVAL for another layout, or an errno.
+ * Reads /proc/meminfo (format: proc(5)), in the layout of older kernels, with lines for high and
+ * low memory: later ones have other keys between these. Returns 0, EINVAL for another layout, or an
+ * errno.
  */
 MODULE_EXPORT int read_meminfo(struct meminfo_contents *contents);
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -183,9 +182,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     char chunk[1024 + 1];
     ssize_t length;
     while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
-        while (length > 0 && isspace(static_cast<unsigned char>(chunk[length - 1])))
-            length--;
-        chunk[length] = '\0';
+        chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
         const char *text = kind.text(chunk);
         conn_send2(text, static_cast<int>(strlen(text)));
     }

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -34,11 +33,9 @@ bool is_reported(const char *name)
 void send_value(int fd)
 {
     char text[1023];
-    ssize_t length = read(fd, text, sizeof text);
-    while (length > 0 && isspace(static_cast<unsigned char>(text[length - 1])))
-        length--;
+    const ssize_t length = read(fd, text, sizeof text);
     if (length > 0)
-        conn_send2(text, static_cast<int>(length));
+        conn_send2(text, static_cast<int>(trimmed_length(text, static_cast<size_t>(length))));
 }
 
 /** Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed

@@ -1,6 +1,5 @@
 #include "config_scsi.h"
 
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -72,20 +71,19 @@ bool read_counter(const char *path, char *text, size_t size)
         }
     }
     const bool any = length > 0;
-    while (length > 0 && isspace(static_cast<unsigned char>(text[length - 1])))
-        length--;
-    text[length] = '\0';
+    text[trimmed_length(text, length)] = '\0';
     return any;
 }
 
-/** Writes one counter of a port, if it can be had. Returns 0 or the error of a failed append. */
+/** Writes one counter of a port, if it can be had; `indent` is the report's. Returns 0 or the error
+ * of a failed append. */
 int send_counter(const scsi_stat &counter, const char *port, int indent)
 {
     const path_t<PATH_MAX> path("%s/%s/statistics/%s", port_class, port, counter.sysfsName);
     char text[128];
     if (!read_counter(path.text, text, sizeof text))
         return 0;
-    const report_line_t line("%-*s<%s>%s</%s>\n", indent, "", counter.xmlName, text,
+    const report_line_t line("%-*s<%s>%s</%s>\n", indent + 6, "", counter.xmlName, text,
                              counter.xmlName);
     if (!line.too_long())
         return line.send();
@@ -93,24 +91,25 @@ int send_counter(const scsi_stat &counter, const char *port, int indent)
     return 0;
 }
 
-/** Writes the element of one port. Returns 0 or the error of a failed append. */
+/** Writes the element of one port; `indent` is the report's. Returns 0 or the error of a failed
+ * append. */
 int send_port(const char *port, int indent)
 {
     const char *number = port + strlen(port_prefix);
-    const report_line_t start("%-*s<Host Num=\"%s\">\n", indent, "", number);
+    const report_line_t start("%-*s<Host Num=\"%s\">\n", indent + 2, "", number);
     if (start.too_long()) {
         error_print("? %u %s: impossible %d '%s'\n", 120, writer, indent, number);
         return 0;
     }
     if (const int status = start.send())
         return status;
-    conn_send_XML_tag("Statistics", indent + 2, 1);
+    conn_send_XML_tag("Statistics", indent + 4, 1);
     for (const scsi_stat &counter : scsi_stats)
-        if (const int status = send_counter(counter, port, indent + 4))
+        if (const int status = send_counter(counter, port, indent))
             return status;
-    if (const int status = conn_send_XML_tag("Statistics", indent + 2, 0))
+    if (const int status = conn_send_XML_tag("Statistics", indent + 4, 0))
         return status;
-    return conn_send_XML_tag("Host", indent, 0);
+    return conn_send_XML_tag("Host", indent + 2, 0);
 }
 
 /** Whether a directory entry is a port to report. */
@@ -141,7 +140,7 @@ int scsi_status(int indent)
     conn_send_XML_tag("SCSI", indent, 1);
     while (const char *name = next_entry(ports.get(), ENTRY_ANY))
         if (is_port(name))
-            if (const int status = send_port(name, indent + 2))
+            if (const int status = send_port(name, indent))
                 return status;
     return conn_send_XML_tag("SCSI", indent, 0);
 }

@@ -35,6 +35,7 @@ struct state_t {
     fault_t fault;
     std::map<std::string, int> counts;
     std::map<int, std::string> descriptors;
+    std::string failed_path;
     std::set<void *> directories;
 };
 
@@ -115,7 +116,7 @@ std::map<int, std::string> &simhost::descriptors()
     return state().descriptors;
 }
 
-outcome simhost::plan(const char *call)
+outcome simhost::plan(const char *call, const std::string &path)
 {
     if (!host().loaded)
         return outcome::normal;
@@ -124,6 +125,7 @@ outcome simhost::plan(const char *call)
     if (fault.call != call || count < fault.first || count - fault.first >= fault.times)
         return outcome::normal;
     errno = fault.error;
+    state().failed_path = path;
     return fault.error > 0 ? outcome::failed : fault.error < 0 ? outcome::ended : outcome::cut;
 }
 
@@ -131,6 +133,11 @@ void simhost_fail(const char *call, int nth, int error, int times)
 {
     state().fault = {call, nth, error, times};
     state().counts.clear();
+}
+
+const char *simhost_failed_path()
+{
+    return state().failed_path.c_str();
 }
 
 int simhost_calls(const char *call)
@@ -148,7 +155,7 @@ int open(const char *path, int flags, ...)
     va_end(arguments);
     if (!served(path))
         return REAL(open)(path, flags, mode);
-    return plan("open") == outcome::failed ? -1 : open_path(path, flags);
+    return plan("open", path) == outcome::failed ? -1 : open_path(path, flags);
 }
 
 int open64(const char *path, int flags, ...) __attribute__((alias("open")));
@@ -164,7 +171,7 @@ int openat(int at, const char *path, int flags, ...)
         path[0] == '/' || base == descriptors().end() ? path : base->second + "/" + path;
     if (!served(whole))
         return REAL(openat)(at, path, flags, mode);
-    return plan("openat") == outcome::failed ? -1 : open_path(whole, flags);
+    return plan("openat", whole) == outcome::failed ? -1 : open_path(whole, flags);
 }
 
 int openat64(int at, const char *path, int flags, ...) __attribute__((alias("openat")));
@@ -181,7 +188,7 @@ ssize_t read(int fd, void *buffer, size_t size)
     if (file == descriptors().end())
         return REAL(read)(fd, buffer, size);
     const node_t *node = find(file->second, true);
-    const outcome wanted = plan("read");
+    const outcome wanted = plan("read", file->second);
     if (node && (node->read_error || node->kind == node_t::directory))
         errno = node->read_error ? node->read_error : EISDIR;
     else if (wanted == outcome::ended)
@@ -198,7 +205,8 @@ ssize_t __read_chk(int fd, void *buffer, size_t size, size_t)
 
 off_t lseek(int fd, off_t offset, int whence)
 {
-    if (descriptors().count(fd) && plan("lseek") == outcome::failed)
+    const auto file = descriptors().find(fd);
+    if (file != descriptors().end() && plan("lseek", file->second) == outcome::failed)
         return -1;
     return REAL(lseek)(fd, offset, whence);
 }
@@ -223,7 +231,7 @@ FILE *fopen(const char *path, const char *mode)
 {
     if (!served(path))
         return REAL(fopen)(path, mode);
-    const int fd = plan("fopen") == outcome::failed ? -1 : open_path(path, O_RDONLY);
+    const int fd = plan("fopen", path) == outcome::failed ? -1 : open_path(path, O_RDONLY);
     if (fd < 0)
         return nullptr;
     return fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "r",
@@ -248,7 +256,7 @@ DIR *opendir(const char *path)
 {
     if (!served(path))
         return REAL(opendir)(path);
-    if (plan("opendir") == outcome::failed)
+    if (plan("opendir", path) == outcome::failed)
         return nullptr;
     std::string canonical;
     const node_t *node = find(path, true, &canonical);

@@ -53,6 +53,9 @@ void simhost_fail(const char *call, int nth, int error, int times);
  * plan. */
 int simhost_calls(const char *call);
 
+/** The path of the call that the fault plan failed last, empty if it has none. */
+const char *simhost_failed_path();
+
 } // extern "C"
 
 namespace simhost
@@ -90,7 +93,7 @@ const char *answer(const std::string &section, const char *key, int missing);
 enum class outcome { normal, failed, cut, ended };
 
 /** Counts a call and says what the fault plan wants of it; sets errno when it is to fail. */
-outcome plan(const char *call);
+outcome plan(const char *call, const std::string &path = "");
 
 /** The descriptors and paths that the host has open. */
 std::map<int, std::string> &descriptors();
