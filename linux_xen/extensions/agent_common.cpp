@@ -209,14 +209,21 @@ int conn_send_XML_string(const char *element, int indent, const char *string)
         error_print("? %s: failed to allocate string\n", __func__);
         return ENOMEM;
     }
-    char *end = text.get() + snprintf(text.get(), size + 1, "%-*s<%s>", indent, "", element);
+    char *end = text.get();
+    memset(end, ' ', static_cast<size_t>(indent));
+    end += indent;
+    *end++ = '<';
+    end = stpcpy(end, element);
+    *end++ = '>';
     for (const char *next = string; *next; next++) {
         if (const xml_char_t *row = find_xml_char(*next))
             end = stpcpy(end, row->out);
         else
             *end++ = *next;
     }
-    end += snprintf(end, size + 1 - static_cast<size_t>(end - text.get()), "</%s>\n", element);
+    end = stpcpy(end, "</");
+    end = stpcpy(end, element);
+    end = stpcpy(end, ">\n");
     return conn_send2(text.get(), static_cast<int>(end - text.get()));
 }
 

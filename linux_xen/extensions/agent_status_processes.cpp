@@ -141,30 +141,30 @@ template <unsigned int Base> struct digits_t {
 struct group_t {
     int indent;
     size_t length = 0;
-    char text[255];
+    char lines[255];
 
     explicit group_t(int blanks) : indent(blanks) {}
 
-    int send() const { return conn_send2(text, static_cast<int>(length)); }
+    int send() const { return conn_send2(lines, static_cast<int>(length)); }
 
     template <typename... Piece> void line(Piece... pieces)
     {
-        const size_t blanks = std::min(static_cast<size_t>(indent), sizeof text - length);
-        memset(text + length, ' ', blanks);
+        const size_t blanks = std::min(static_cast<size_t>(indent), sizeof lines - length);
+        memset(lines + length, ' ', blanks);
         length += blanks;
         (put(pieces), ...);
     }
 
     void put(std::string_view piece)
     {
-        const size_t fits = std::min(piece.size(), sizeof text - length);
-        memcpy(text + length, piece.data(), fits);
+        const size_t fits = std::min(piece.size(), sizeof lines - length);
+        memcpy(lines + length, piece.data(), fits);
         length += fits;
     }
 
-    group_t &open(const char *name)
+    template <typename... Attribute> group_t &open(const char *name, Attribute... attribute)
     {
-        line("<", name, ">\n");
+        line("<", name, attribute..., ">\n");
         indent += 2;
         return *this;
     }
@@ -173,6 +173,12 @@ struct group_t {
     {
         indent -= 2;
         line("</", name, ">\n");
+        return *this;
+    }
+
+    group_t &text(std::string_view name, const char *value)
+    {
+        line("<", name, ">", value, "</", name, ">\n");
         return *this;
     }
 
@@ -199,8 +205,8 @@ struct group_t {
 void send_process(int indent, const char *pidName, const proc_stat_t &p)
 {
     const int c = indent + 2;
-    conn_send_format(256, "%-*s<Process PID=\"%s\">\n%-*s<State>%c</State>\n", indent, "", pidName,
-                     c, "", p.state ? p.state : '0');
+    const char state[] = {p.state ? p.state : '0', '\0'};
+    group_t(indent).open("Process", " PID=\"", pidName, "\"").text("State", state).send();
     if (p.comm[0])
         conn_send_XML_string("Command", c, p.comm);
     group_t(c)
