@@ -41,6 +41,11 @@ int execl(const char *path, const char *name, ...)
     const node_t *tool = find(path, true);
     if (!tool)
         return -1;
+    constexpr char output[] = "#output\n";
+    if (tool->content.rfind(output, 0) == 0) {
+        const std::string text = tool->content.substr(sizeof output - 1);
+        _exit(write(STDOUT_FILENO, text.data(), text.size()) < 0);
+    }
     words[2] = tool->content.c_str();
     return execv("/bin/sh", argv);
 }

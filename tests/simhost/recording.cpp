@@ -1,5 +1,6 @@
 #include "simhost.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -35,10 +36,11 @@ namespace
 std::deque<std::string> split(const std::string &path)
 {
     std::deque<std::string> components;
-    std::istringstream stream{path};
-    for (std::string component; std::getline(stream, component, '/');)
-        if (!component.empty() && component != ".")
-            components.push_back(component);
+    for (size_t at = 0, end = 0; end < path.size(); at = end + 1) {
+        end = std::min(path.find('/', at), path.size());
+        if (end > at && path.compare(at, end - at, ".") != 0)
+            components.push_back(path.substr(at, end - at));
+    }
     return components;
 }
 

@@ -22,7 +22,8 @@
  *                      or behind "silence", "late", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
  *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
  *   [time]             now SECONDS, and step SECONDS: what each time() call adds for the next one
- * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs.
+ * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs; or what it
+ * prints, behind a first line "#output".
  * Directory entries are yielded in the order of the recording.
  */
 #pragma once
