@@ -99,25 +99,15 @@ TEST_F(Firmware, EntryPointsDecideTheByteOrder)
     }
 }
 
-TEST_F(Firmware, UnusableIdentifiersFallBackToTheCards)
+TEST_F(Firmware, SomeIdentifiersIdentifyNothing)
 {
-    const bytes_t rows[] = {
-        bytes_t(16, '\0'), bytes_t(16, '\xff'),
-        bytes_t("\x03\x00\x02\x00\x04\x00\x05\x00\x00\x06\x00\x07\x00\x08\x00\x10", 16)};
-    for (const bytes_t &uuid : rows) {
-        // A second system structure is not tried.
-        put_memory(
-            low_memory(0xF0000, 31, 0x28, 2, system_structure(uuid) + system_structure(good_uuid)));
-        EXPECT_EQ(unique_id(), card_order);
-    }
-    const bytes_t too_short = bytes_t("\x01\x08\x01\x00\x00\x00\x00\x00", 8) + good_uuid;
-    put_memory(low_memory(0xF0000, 31, 0x28, 1, too_short + bytes_t(2, '\0')));
-    EXPECT_EQ(unique_id(), card_order);
-    put_memory(low_memory(0xF0000, 31, 0x28, 0, ""));
-    EXPECT_EQ(unique_id(), card_order);
-    simhost::host().sections.clear();
-    EXPECT_EQ(unique_id(), "status 1");
-    EXPECT_EQ(response(), "(null)");
+    const auto valid = [](const bytes_t &uuid) {
+        return is_valid_uuid(reinterpret_cast<const uint8_t *>(uuid.data()),
+                             static_cast<int>(uuid.size()));
+    };
+    EXPECT_FALSE(valid(bytes_t(16, '\0')) || valid(bytes_t(16, '\xff')) || valid(""));
+    EXPECT_FALSE(valid(bytes_t("\x03\0\x02\0\x04\0\x05\0\0\x06\0\x07\0\x08\0\x10", 16)));
+    EXPECT_TRUE(valid(bytes_t(15, '\0') + "\x11") && valid(bytes_t(15, '\xff') + "\xfe"));
 }
 
 /** The structures of a table as "TYPE:TOTAL", and what the walk logged. */

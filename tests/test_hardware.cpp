@@ -81,33 +81,4 @@ TEST_F(Hardware, MessageIdsRunOn)
     }
 }
 
-TEST_F(Hardware, FailingCalls)
-{
-    const struct {
-        const char *call;
-        int nth, error;
-        std::string log, next; // what follows in the response
-        bool whole;            // and whether the document goes on behind that
-    } cases[] = {
-        {"xc_interface_open", 2, 12,
-         "show_proc_cpuinfo: unable to get hypervisor handle, errno 12\n",
-         "    <CPUInfo>\n    </CPUInfo>\n    <IO>\n", true},
-        {"xc_domain_getinfo", 1, 0, "show_proc_cpuinfo: unable to get domain 0 info, status 0\n",
-         "    <CPUInfo>\n    </CPUInfo>\n    <IO>\n", true},
-        {"read", 2, 5, "show_proc_cpuinfo: /proc/cpuinfo terminated before eof\n",
-         "          <model>1</model>\n        </CPU>\n      </Proc_Info>\n", true},
-        {"ioctl", 1, 25, "get_system_guid: Get System GUID command returned invalid data\n",
-         "    <IPMI>\n    </IPMI>\n", true},
-    };
-    for (const auto &row : cases) {
-        simhost_fail(row.call, row.nth, row.error, 1);
-        EXPECT_EQ(agent_discover_hardware(new_conn()), 0);
-        EXPECT_EQ(logged().find("? " + row.log), 0U) << logged();
-        const size_t found = response().find(row.next);
-        ASSERT_NE(found, std::string::npos) << response();
-        EXPECT_EQ(found + row.next.size() < response().size(), row.whole) << row.call;
-        conn_free(&the_connection);
-    }
-}
-
 } // namespace

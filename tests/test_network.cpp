@@ -39,28 +39,6 @@ protected:
     }
 };
 
-TEST_F(Network, BondLines)
-{
-    load(bond +
-         "Slave queue ID: 0\n\tNumber of ports: 2\n \tPorts: 2\n802.3ad: info\n802.3ad info\n"
-         "Transmit Hash Policy: layer2 (0)\nLACP rate: slow\nActive Aggregator Info:\n"
-         "Aggregator ID: 1\n  : no key\n(only) : a unit\nNo value: \nPermanent HW addr: 00:16\n"
-         "ARP IP target/s (n.n.n.n form): 10.0.0.1\nPrimary Slave: eth0 (failure)\n"
-         "Currently Active Slave:eth0\nUp Delay (ms): 0\n"
-         "Slave Interface: eth0\nSpeed: 10\nSlave Other: eth1\nNothing:");
-    EXPECT_EQ(bonding_discover(0), 0);
-    EXPECT_EQ(
-        response().substr(0, response().find("    <Family")),
-        "<Bonding>\n  <Device Name=\"bond0\">\n    <Bonding_Mode>balance-rr</Bonding_Mode>\n"
-        "    <Ports>2</Ports>\n    <No_value></No_value>\n"
-        "    <Permanent_HW_addr>00:16</Permanent_HW_addr>\n"
-        "    <ARP_IP_target>10.0.0.1</ARP_IP_target>\n"
-        "    <Primary_Slave>eth0 (failure)</Primary_Slave>\n"
-        "    <Currently_Active_Slave>th0</Currently_Active_Slave>\n    <Up_Delay>0</Up_Delay>\n"
-        "    <Slave_Interface Name=\"eth0\">\n      <Speed>10</Speed>\n    </Slave_Other>\n"
-        "    <Slave_Other Name=\"eth1\">\n      <Nothing></Nothing>\n    </Slave_Interface>\n");
-}
-
 TEST_F(Network, OpenSwitchTool)
 {
     const std::string host = "=== /sys/module/openvswitch_mod/\n"

@@ -80,9 +80,3 @@ TEST_F(Devices, FailuresEndTheListAndKeepWhatItHad)
     EXPECT_EQ(listed(ENOMEM), "");
     EXPECT_EQ(logged(), "? get_network_device_list: unable to strdup device name\n");
 }
-
-TEST_F(Devices, LongNamesNeverOverflowARequest)
-{
-    const struct ifreq request = interface_request("a-name-of-more-than-15");
-    EXPECT_STREQ(request.ifr_name, "a-name-of-more-");
-}

@@ -82,37 +82,6 @@ TEST_F(Status, TenThousandCallsLeakNothing)
     EXPECT_EQ(open_descriptors(), open_before);
 }
 
-TEST_F(Status, ScansStatLines)
-{
-    std::string numbers = "1 (c) S", name(63, 'n'), least = " -9223372036854775808";
-    for (int field = 4; field <= 39; field++)
-        numbers.append(" ").append(std::to_string(field));
-    const std::string rest = " 0x0 0 0x0 0x0 0x0 0x0 0x0 0 0x0 0x0 0x0 0 0 0 0 0.";
-    const struct {
-        std::string line, values; // in the order of the report
-    } rows[] = {
-        {numbers, " S (c) 4 5 6 7 8 10 11 12 13 18 0x9 38 0x1a 0x1b 0x1c 0x1d 0x1e 22 0x17 0x18 "
-                  "0x19 19 21 39 0x23 14 16 15 17."},
-        {"x (c) S 4", " 0 0 0 0 0 0 0 0 0 0 0" + rest},
-        {"1 (a b) R 4", " b (a 0 0 0 0 0 0 0 0 0 0" + rest},
-        {"1\t" + name + "Z S -5\n6", " S " + name + " -5 0 0 0 0 0 0 0 0 0" + rest},
-        {"1 (c) S -2147483649 4294967297 +1-1x", " S (c) 2147483647 1 1 -1 0 0 0 0 0 0" + rest},
-        {"1 (c) S 1 1 1 1 1 0 99999999999999999999 0 9223372036854775808 -1",
-         " S (c) 1 1 1 1 1 -1 0 -9223372036854775808 -1 0" + rest},
-        {std::string(501, ' ') + "1 (c) S 456", " S (c) 45 0 0 0 0 0 0 0 0 0" + rest},
-    };
-    for (const auto &row : rows) {
-        put("/proc/7/stat", row.line);
-        EXPECT_EQ(send_proc_info(4, "7"), 0);
-        EXPECT_EQ(found(false), row.values) << row.line;
-        conn_free(&the_connection);
-    }
-    // The last group takes 260 characters at the most, and loses those that find no room.
-    put("/proc/7/stat", "1 (c) S 0 0 0 0 0 0 0 0 0 0" + least + least + least + least);
-    EXPECT_EQ(send_proc_info(4, "7"), 0);
-    EXPECT_EQ(response().substr(response().rfind("  </R")), "  </RUs    </Process>\n");
-}
-
 TEST_F(Status, ReadsMemoryFiles)
 {
     meminfo_contents meminfo;
