@@ -73,12 +73,6 @@ TEST_F(Record, EscapesTextContent)
     EXPECT_EQ(conn_send_XML_string("A", INT_MAX - 1, "x"), ENOMEM);
 }
 
-TEST_F(Record, CutsAFormattedTextAtItsBuffer)
-{
-    conn_send_format(8, "%-*s<A>\n%-*s", -2, "", 3, "");
-    EXPECT_EQ(response(), "  <A>\n ");
-}
-
 TEST_F(Record, StatusLineComesFirstAndAlone)
 {
     conn_send2("old", 3);
@@ -103,13 +97,4 @@ TEST_F(Record, StatusLineTakesAtMost1024Bytes)
     EXPECT_EQ(conn_close(&the_connection), 0);
     EXPECT_EQ(response(), "Status: 500 Generic failure response on close\n");
     EXPECT_EQ(conn_close(nullptr), EINVAL);
-}
-
-TEST_F(Record, LogsMessagesOfAnyLengthInOrder)
-{
-    const std::string message(5000, 'm');
-    error_print("? first\n");
-    error_print("%s", message.c_str());
-    EXPECT_EQ(logged(), "? first\n" + message);
-    EXPECT_EQ(error_print(nullptr), EINVAL);
 }
