@@ -80,7 +80,7 @@ int take_options(const char *&at)
 /** Answers that something is wrong with a clause, in at most 255 characters. Returns EINVAL. */
 int reject_clause(const char *what, const char *rest)
 {
-    char reason[256];
+    char reason[256] = ""; // printf refuses a text that is longer than it can count
     snprintf(reason, sizeof reason, "%s '%s'", what, rest);
     conn_send_response2(RSP_CLIENT_BAD_REQ, "%s", reason);
     if (get_debug_state() >= 1)
