@@ -166,9 +166,10 @@ void send_table_dump(const unsigned char *table, int length, int indent)
     if (get_debug_state() >= 2)
         debug_print("%% %s: creating MIME output\n", reporter);
     char *text = nullptr;
-    if (dump_dmi_buffer(table, length, indent + 2, &text) != 0)
-        return;
+    dump_dmi_buffer(table, length, indent + 2, &text);
     const unique_text dump{text};
+    if (!dump)
+        return;
     conn_send_XML_tag("Buffer", indent, 1);
     conn_send2(text, static_cast<int>(strlen(text)));
     conn_send_XML_tag("Buffer", indent, 0);

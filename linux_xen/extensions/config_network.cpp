@@ -92,7 +92,7 @@ void show_link_layer(int indent, const char *name)
 /** Writes a Family element; only `address` has to be there. */
 void send_family(int indent, const char *address, const char *mask, const char *broadcast)
 {
-    conn_send_XML_tag(family_start, indent, 1);
+    conn_send_format(512, "%-*s<%s>\n", indent, "", family_start);
     conn_send_XML_string("Address", indent + 2, address);
     if (mask)
         conn_send_XML_string("Netmask", indent + 2, mask);

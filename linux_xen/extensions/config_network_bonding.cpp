@@ -143,7 +143,7 @@ int show_bond_status(int indent, const char *name)
         return conn_close_early("Device", indent, status);
     }
     if (slave_open)
-        conn_send_XML_tag("Slave_Interface", indent + 2, 0);
+        conn_send_format(1024, "%-*s</Slave_Interface>\n", indent + 2, "");
     file.reset();
     show_addr_info(indent + 2, name, 1);
     conn_send_XML_tag("Device", indent, 0);

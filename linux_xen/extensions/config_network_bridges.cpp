@@ -144,8 +144,9 @@ int list_switch_ports(const char *bridge, char *text, size_t size)
     const int64_t deadline = now_ms() + tool_seconds * 1000;
     const bool answered = read_before(deadline, reading.fd, text, size);
     reading.reset();
-    int status = 0;
-    if (answered && reap_before(deadline, child, &status))
+    // Without a status, the text is what tells a tool that worked.
+    int status = text[0] ? 0 : -1;
+    if (reap_before(answered ? deadline : now_ms(), child, &status))
         return status == 0 ? 0 : -1;
     kill(child, SIGKILL);
     reap_before(now_ms() + 1000, child, &status); // only the kernel can hold it up now

@@ -8,7 +8,7 @@
 #include "agent_handles.h"
 #include "config_network.h"
 
-/** The kernel's interface entries. Paths below it are built with "%s/%s", a doubled slash. */
+/** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
 
 /** What all blocks of IPv4 addresses begin with. */

@@ -49,13 +49,13 @@ constexpr unsigned char entry_types[] = {DT_REG, DT_DIR, DT_LNK};
 constexpr mode_t modes[] = {S_IFREG | 0444, S_IFDIR | 0555, S_IFLNK | 0777};
 
 /** A real descriptor with the file's bytes, so that everything after the open is the kernel's. */
-int open_node(const node_t &node, const std::string &path)
+int open_node(const node_t &node, const std::string &path, int flags)
 {
     if (node.open_error) {
         errno = node.open_error;
         return -1;
     }
-    const int fd = memfd_create(path.c_str(), MFD_CLOEXEC);
+    const int fd = memfd_create(path.c_str(), flags & O_CLOEXEC ? MFD_CLOEXEC : 0);
     bool written = pwrite(fd, node.content.data(), node.content.size(), 0) >= 0;
     for (const auto &[address, bytes] : node.memory) {
         const off_t page = 4096;
@@ -80,7 +80,7 @@ int open_path(const std::string &path, int flags)
         errno = EISDIR;
         return -1;
     }
-    return open_node(*node, canonical);
+    return open_node(*node, canonical, flags);
 }
 
 ssize_t read_stream(void *cookie, char *buffer, size_t size)
@@ -238,7 +238,9 @@ FILE *fopen(const char *path, const char *mode)
 {
     if (!served(path))
         return REAL(fopen)(path, mode);
-    const int fd = plan("fopen", path) == outcome::failed ? -1 : open_path(path, O_RDONLY);
+    const int fd = plan("fopen", path) == outcome::failed
+                       ? -1
+                       : open_path(path, strchr(mode, 'e') ? O_CLOEXEC : 0);
     if (fd < 0)
         return nullptr;
     return fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "r",
@@ -269,7 +271,8 @@ DIR *opendir(const char *path)
     const node_t *node = find(path, true, &canonical);
     if (node && node->kind != node_t::directory)
         errno = ENOTDIR;
-    const int fd = node && node->kind == node_t::directory ? open_node(*node, canonical) : -1;
+    const int fd =
+        node && node->kind == node_t::directory ? open_node(*node, canonical, O_CLOEXEC) : -1;
     if (fd < 0)
         return nullptr;
     auto *directory = new directory_t{{{".", DT_DIR}, {"..", DT_DIR}}, 0, fd, {}};
