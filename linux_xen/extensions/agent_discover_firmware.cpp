@@ -23,34 +23,6 @@ constexpr int paragraph = 16;
 // The steps of get_smbios_structures() speak in its name.
 constexpr char reader[] = "get_smbios_structures";
 
-/**
- * Scans the BIOS area. The first anchor decides, whatever its checksums say.
- * Returns 0 with the entry point and its physical address, or an error.
- */
-int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found)
-{
-    for (off_t offset = bios_area; offset <= last_paragraph; offset += paragraph) {
-        if (const int status = read_devmem(fd, smb, paragraph, offset))
-            return status;
-        *found = offset;
-        if (memcmp(smb, "_SM_", 4) == 0) {
-            if (get_debug_state() >= 2)
-                debug_print("%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
-            return read_devmem(fd, &smb->dmi, paragraph, offset + paragraph);
-        }
-        if (memcmp(smb, "_DMI_", 5) == 0) {
-            if (get_debug_state() >= 2)
-                debug_print("%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
-            memcpy(&smb->dmi, smb, paragraph);
-            memset(smb, 0, paragraph);
-            return 0;
-        }
-    }
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: unable to find entry points\n", reader);
-    return EINVAL;
-}
-
 /** Sums the whole SMBIOS entry point, also where it is longer than the record that was read. */
 bool smb_cksum_valid(int fd, const smbios_entry_point_t *smb, off_t offset)
 {
@@ -123,6 +95,30 @@ int read_devmem(int fd, void *buffer, int length, off_t offset)
         return EIO;
     }
     return 0;
+}
+
+int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found)
+{
+    for (off_t offset = bios_area; offset <= last_paragraph; offset += paragraph) {
+        if (const int status = read_devmem(fd, smb, paragraph, offset))
+            return status;
+        *found = offset;
+        if (memcmp(smb, "_SM_", 4) == 0) {
+            if (get_debug_state() >= 2)
+                debug_print("%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
+            return read_devmem(fd, &smb->dmi, paragraph, offset + paragraph);
+        }
+        if (memcmp(smb, "_DMI_", 5) == 0) {
+            if (get_debug_state() >= 2)
+                debug_print("%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
+            memcpy(&smb->dmi, smb, paragraph);
+            memset(smb, 0, paragraph);
+            return 0;
+        }
+    }
+    if (get_debug_state() >= 1)
+        debug_print("%% %s: unable to find entry points\n", reader);
+    return EINVAL;
 }
 
 int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *retLen,

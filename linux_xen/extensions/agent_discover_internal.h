@@ -166,6 +166,12 @@ unsigned int dmi_number(const dmi_structure_t &structure, dmi_field_t field);
 int read_devmem(int fd, void *buffer, int length, off_t offset);
 
 /**
+ * Scans the BIOS area of physical memory. The first anchor decides, whatever its checksums say.
+ * Returns 0 with the entry point and its physical address, EINVAL when there is none, or an error.
+ */
+int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found);
+
+/**
  * Finds the SMBIOS or legacy DMI entry point in physical memory and copies its structure table.
  * Fills `smb`, `data` with a heap block of `smb->dmi.length` bytes that the caller frees, and where
  * they are given `retLen` and `smbBase` with the table's length in bytes and its physical address.

@@ -37,3 +37,15 @@ inline unique_hypervisor open_hypervisor(const char *function)
     }
     return handle;
 }
+
+/** Calls `report` with every domain, in the order of their ids. */
+template <typename Report> void for_each_domain(xc_interface *handle, Report report)
+{
+    xc_dominfo_t info;
+    for (uint32_t first = 0; first <= UINT16_MAX; first = info.domid + 1) {
+        if (xc_domain_getinfo(handle, first, 1, &info) < 1 || info.domid < first ||
+            info.domid > UINT16_MAX)
+            return;
+        report(info);
+    }
+}

@@ -29,18 +29,6 @@ constexpr domain_state_t domain_states[] = {
     {"Running", [](const xc_dominfo_t &info) -> bool { return info.running; }},
 };
 
-/** Calls `report` with every domain, in the order of their ids. */
-template <typename Report> void for_each_domain(xc_interface *handle, Report report)
-{
-    xc_dominfo_t info;
-    for (uint32_t first = 0; first <= UINT16_MAX; first = info.domid + 1) {
-        if (xc_domain_getinfo(handle, first, 1, &info) < 1 || info.domid < first ||
-            info.domid > UINT16_MAX)
-            return;
-        report(info);
-    }
-}
-
 int send_state(int indent, const xc_dominfo_t &info)
 {
     conn_send_XML_tag("State", indent, 1);

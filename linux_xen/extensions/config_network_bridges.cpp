@@ -117,10 +117,8 @@ bool reap_before(int64_t deadline, pid_t child, int *status)
     }
 }
 
-/**
- * Has the switch's tool list a bridge's ports into `text`, as much of it as one read gives.
- * Returns 0, the errno of a failed pipe or fork, or -1 when the tool failed or never ended.
- */
+} // namespace
+
 int list_switch_ports(const char *bridge, char *text, size_t size)
 {
     int ends[2];
@@ -154,6 +152,9 @@ int list_switch_ports(const char *bridge, char *text, size_t size)
                 switch_tool, tool_seconds);
     return -1;
 }
+
+namespace
+{
 
 /** Writes a bridge of Open vSwitch. */
 int show_opensw_ifs(int indent, const char *name)

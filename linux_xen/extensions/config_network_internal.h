@@ -84,6 +84,12 @@ int show_dev_ethtool_info(int indent, const char *devName);
 /** Writes the WOL element of a device, what wakes it up. */
 void show_dev_ethtool_wol(int indent, const char *devName);
 
+/**
+ * Has the switch's tool list a bridge's ports into `text`, as much of it as one read gives.
+ * Returns 0, the errno of a failed pipe or fork, or -1 when the tool failed or never ended.
+ */
+int list_switch_ports(const char *bridge, char *text, size_t size);
+
 /** How a sysfs attribute is read and reported. */
 struct attribute_kind_t {
     const char *function; // whose name the log lines bear

@@ -261,6 +261,17 @@ int lstat(const char *path, struct stat *status)
     return served(path) ? stat_path(path, status, false) : REAL(lstat)(path, status);
 }
 
+ssize_t readlink(const char *path, char *target, size_t size)
+{
+    if (!served(path))
+        return REAL(readlink)(path, target, size);
+    const node_t *node = find(path, false);
+    if (node && node->kind == node_t::link)
+        return static_cast<ssize_t>(node->content.copy(target, size));
+    errno = node ? EINVAL : errno;
+    return -1;
+}
+
 DIR *opendir(const char *path)
 {
     if (!served(path))

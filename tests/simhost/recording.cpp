@@ -134,7 +134,7 @@ void add(const std::string &heading, std::string body)
     std::istringstream words{heading};
     std::string path;
     words >> path;
-    node_t &node = *walk(path, false, true, nullptr);
+    node_t &node = *walk(path, path.back() == '/', true, nullptr);
     if (path.back() == '/')
         return;
     node.kind = node_t::file;

@@ -5,7 +5,8 @@
  * A recording is a text file of headings, each with its content in the lines below:
  *   === /PATH [noeol] [open=ERRNO] [read=ERRNO]   a file, or how opening or reading it fails
  *   === /PATH hex [@ADDRESS]                      bytes: hex pairs and "strings", # comments
- *   === /PATH/                                    a directory, needed only where it is empty
+ *   === /PATH/                                    a directory, needed only where it is empty, or
+ *                                                 what the link at /PATH leads to
  *   === /PATH -> TARGET                           a link
  *   === [SECTION]                                 lines of "key value"; !ERRNO: the request fails
  *   === # anything                                a comment

@@ -1,0 +1,62 @@
+"""A recording of a recorded host: the module tells the same of both.
+
+Runs under Python 3 with the simulated host preloaded; RECORD_HOST names the recorder.
+"""
+import base64
+import os
+import re
+import subprocess
+import tempfile
+import unittest
+
+import test_module
+import ZorvikDiscoverExtension as module
+
+HOSTS = ("rack-server", "old-server", "bad-checksum", "many-cards", "net-cards", "net-bonds",
+         "net-bonds-current", "net-bridges", "net-switch", "net-virtual", "net-infiniband",
+         "net-attributes", "net-broken-reads", "status-odd", "no-xen")
+CALLS = (module.discover_hardware, lambda: module.discover_network(0), module.unique_id,
+         lambda: module.status("Option: All"), lambda: module.status("Option: Dom_Info_Brief"),
+         lambda: module.status("Option: Bridge_Config"))
+
+SHARED = {"00:00:00:00:00:00", "127.0.0.1", " " * 8}  # what identifies no host
+
+
+def documents(path):
+    test_module.simhost.simhost_load(path.encode())
+    told = [call()[:2] for call in CALLS]
+    return [(status, re.sub('LocalTime=".*?"', "", text or "")) for status, text in told]
+
+
+class RecordHostTest(unittest.TestCase):
+    def record(self, host, *options):
+        """The documents of a host and of a recording of it, and the recording."""
+        original = os.path.join(test_module.HOSTS, host, "host")
+        with tempfile.NamedTemporaryFile("r") as copy:
+            subprocess.run((os.environ["RECORD_HOST"], "-o", copy.name) + options, check=True,
+                           env=dict(os.environ, SIMHOST=original), stderr=subprocess.DEVNULL)
+            return documents(original), documents(copy.name), copy.read()
+
+    def test_round_trip(self):
+        for host in HOSTS:
+            with self.subTest(host):
+                original, copy, _ = self.record(host)
+                self.assertEqual(copy, original)
+
+    def test_masks(self):
+        original, masked, recording = self.record("rack-server", "--mask")
+        table = base64.b64decode(re.search("<Buffer[^>]*>([^<]*)<", masked[0][1]).group(1))
+        told = str(masked).lower() + recording.lower() + table.decode("latin-1").lower()
+        secret = re.compile("<(?:SerialNumber|AssetTag|UUID|GUID|MAC|Address|IP_Address)>(.*?)<")
+        for before, after in zip(original, masked):
+            secrets = secret.findall(before[1])
+            self.assertEqual(len(secret.findall(after[1])), len(secrets))
+            for text in set(secrets) - SHARED:
+                self.assertNotIn(text.lower(), told)
+        equal = [[macs.index(mac) for mac in macs] for macs in
+                 (re.findall("<MAC>(.*?)<", told[1][1].upper()) for told in (original, masked))]
+        self.assertEqual(*equal)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,309 @@
+// Records what is no file: the answers of network devices and of the switch's tool, the firmware's
+// memory, the management controller and the hypervisor.
+#include "record_host.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/ethtool.h>
+#include <linux/mii.h>
+#include <linux/sockios.h>
+#include <set>
+#include <sys/ioctl.h>
+#include <uuid/uuid.h>
+
+#include "agent_discover_internal.h"
+#include "agent_hypervisor.h"
+#include "config_ipmi_internal.h"
+#include "config_network_internal.h"
+
+namespace
+{
+
+/** A request to a network device, and its answer. */
+struct exchange_t {
+    int fd;
+    struct ifreq request;
+    union {
+        uint32_t command;
+        struct ethtool_value value;
+        struct ethtool_cmd settings;
+        struct ethtool_wolinfo wake;
+    } ethtool;
+};
+
+std::string inet_address(const exchange_t &exchange)
+{
+    char text[INET_ADDRSTRLEN] = "";
+    format_inet(exchange.request, text, sizeof text, __func__);
+    return mask_text(text);
+}
+
+/** The registers of the PHY that was answered about; the status register is read twice. */
+std::string mii_registers(const exchange_t &exchange)
+{
+    std::string words;
+    uint16_t first = 0;
+    struct ifreq request = exchange.request;
+    struct mii_ioctl_data data;
+    memcpy(&data, &request.ifr_ifru, sizeof data);
+    for (int number = -1; number < 16; number++) {
+        data.reg_num = static_cast<uint16_t>(number < 0 ? MII_BMSR : number);
+        memcpy(&request.ifr_ifru, &data, sizeof data);
+        if (ioctl(exchange.fd, SIOCGMIIREG, &request) < 0)
+            return format("!%s", error_name(errno)); // the module wants all of them
+        memcpy(&data, &request.ifr_ifru, sizeof data);
+        if (number < 0)
+            first = data.val_out;
+        else
+            words += format("%04x ", data.val_out);
+    }
+    return words + format("\nmii_first %04x", first);
+}
+
+/** A question to a network device: the key of its answer, the errno that goes without saying. */
+struct question_t {
+    const char *key;
+    unsigned long request;
+    uint32_t command; // of SIOCETHTOOL
+    int missing;
+    std::string (*text)(const exchange_t &exchange);
+};
+
+constexpr question_t questions[] = {
+    {"hwaddr", SIOCGIFHWADDR, 0, ENODEV,
+     [](const exchange_t &to) { return mask_text(format_mac(to.request).text); }},
+    {"address", SIOCGIFADDR, 0, EADDRNOTAVAIL, inet_address},
+    {"netmask", SIOCGIFNETMASK, 0, EADDRNOTAVAIL, inet_address},
+    {"broadcast", SIOCGIFBRDADDR, 0, EADDRNOTAVAIL, inet_address},
+    {"flags", SIOCGIFFLAGS, 0, ENODEV,
+     [](const exchange_t &to) { return format("0x%hx", to.request.ifr_flags); }},
+    {"mtu", SIOCGIFMTU, 0, ENODEV,
+     [](const exchange_t &to) { return format("%d", to.request.ifr_mtu); }},
+    {"mii", SIOCGMIIPHY, 0, EOPNOTSUPP, mii_registers},
+    {"glink", SIOCETHTOOL, ETHTOOL_GLINK, EOPNOTSUPP,
+     [](const exchange_t &to) { return format("%u", to.ethtool.value.data); }},
+    {"gset", SIOCETHTOOL, ETHTOOL_GSET, EOPNOTSUPP,
+     [](const exchange_t &to) {
+         const struct ethtool_cmd &settings = to.ethtool.settings;
+         return format("%x %x %u %u %u", settings.supported, settings.advertising, settings.speed,
+                       settings.duplex, settings.autoneg);
+     }},
+    {"gwol", SIOCETHTOOL, ETHTOOL_GWOL, EOPNOTSUPP,
+     [](const exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
+};
+
+/** Puts a stand-in in place of an address or identifier, written with the separator "." or ":". */
+void mask_bytes(unsigned char *bytes, size_t count, char separator)
+{
+    std::string text;
+    for (size_t i = 0; i < count; i++)
+        text += format(separator == '.' ? "%d." : "%02x:", bytes[i]);
+    text = mask_text(text.substr(0, text.size() - 1));
+    char *at = text.data();
+    for (size_t i = 0; i < count; i++, at++)
+        bytes[i] = static_cast<unsigned char>(strtoul(at, &at, separator == '.' ? 10 : 16));
+}
+
+// Where it is told which string is a serial number or an asset tag, DMTF DSP0134 (SMBIOS), section
+// 7: of system, boards, chassis and processors, of memory modules, batteries and power supplies.
+constexpr struct {
+    uint8_t type, offset;
+} serial_fields[] = {{1, 0x07}, {2, 0x07},  {2, 0x08},  {3, 0x07},  {3, 0x08},  {4, 0x20},
+                     {4, 0x21}, {17, 0x18}, {17, 0x19}, {22, 0x07}, {39, 0x08}, {39, 0x09}};
+
+void mask_table(const dmi_entry_point_t &entry, unsigned char *table)
+{
+    constexpr uint8_t oem_strings = 11, first_oem_type = 128;
+    int item = -1, index = 0;
+    dmi_structure_t structure = {};
+    while ((structure.total = iter_dmi_elements(&entry, table, &item, &index, &structure.header))) {
+        const uint8_t type = structure.header->type;
+        const bool whole = type == oem_strings || type >= first_oem_type;
+        for (unsigned int number = 1; number < 256; number++)
+            if (whole ||
+                std::any_of(
+                    std::begin(serial_fields), std::end(serial_fields), [&](const auto &row) {
+                        return row.type == type && dmi_number(structure, {row.offset, 1}) == number;
+                    }))
+                if (char *string = get_dmi_string(structure, static_cast<int>(number)))
+                    std::fill_n(string, strlen(string), 'X');
+        uint8_t *uuid = dmi_field(structure, DMI_FIELD(dmi_system_t, uuid));
+        if (type == DMI_SYSTEM && uuid && is_valid_uuid(uuid, sizeof(dmi_system_t::uuid)))
+            mask_bytes(uuid, sizeof(dmi_system_t::uuid), ':');
+    }
+}
+
+void record_memory(off_t address, const unsigned char *bytes, int count)
+{
+    printf("=== /dev/mem hex @0x%lx", address);
+    for (int i = 0; i < count; i++)
+        printf("%s%02x", i % 16 ? " " : "\n", bytes[i]);
+    printf("\n");
+}
+
+/** Records a failure, and tells of it in the same words. */
+void record_failure(const char *what)
+{
+    const int error = errno;
+    for (FILE *to : {stdout, stderr})
+        fprintf(to, "%s%s\n", what, error_name(error));
+}
+
+/** Puts a request, its data behind the network function and the command, and records the reply, the
+ * address of `count` bytes at `offset` masked. */
+unique_reply record_request(int fd, std::vector<unsigned char> bytes, size_t offset = 0,
+                            size_t count = 0, char separator = ':')
+{
+    const struct ipmi_msg request = {bytes[0], bytes[1],
+                                     static_cast<unsigned short>(bytes.size() - 2), &bytes[2]};
+    unique_reply reply = ipmicmd(fd, &request);
+    if (count && judge_reply(reply.get()) == REPLY_USABLE)
+        mask_bytes(reply->data + offset, count, separator);
+    for (size_t i = 0; i < bytes.size(); i++)
+        printf("%s%02x", i ? "." : "", bytes[i]);
+    printf("%s", !reply ? " silence" : reply->data_len == 0 ? " empty" : "");
+    for (int i = 0; reply && i < std::min<int>(reply->data_len, 1024); i++)
+        printf(" %02x", reply->data[i]);
+    printf("\n");
+    return reply;
+}
+
+void record_domain(xc_interface *handle, xc_dominfo_t info)
+{
+    if (masking && is_valid_uuid(info.handle, sizeof info.handle))
+        mask_bytes(info.handle, sizeof info.handle, ':');
+    char uuid[UUID_STR_LEN];
+    uuid_unparse(info.handle, uuid);
+    printf("=== [domain %u]\nhandle %s\nssidref %u\nnr_pages %lu\nshared_info_frame 0x%lx\n"
+           "max_memkb %lu\ncpu_time %lu\nonline_vcpus %u\nmax_vcpu_id %u\nshutdown_reason %u\n",
+           info.domid, uuid, info.ssidref, info.nr_pages, info.shared_info_frame, info.max_memkb,
+           info.cpu_time, info.nr_online_vcpus, info.max_vcpu_id, info.shutdown_reason);
+    printf("state%s%s%s%s%s%s\n", info.dying ? " dying" : "", info.crashed ? " crashed" : "",
+           info.shutdown ? " shutdown" : "", info.paused ? " paused" : "",
+           info.blocked ? " blocked" : "", info.running ? " running" : "");
+    struct xen_domctl_sched_credit share = {};
+    if (xc_sched_credit_domain_get(handle, info.domid, &share) == 0)
+        printf("credit %u %u\n", share.weight, share.cap);
+}
+
+} // namespace
+
+void record_interfaces()
+{
+    const unique_fd queries{open_query_socket()};
+    const unique_stream table{fopen("/proc/net/dev", "re")};
+    std::vector<std::string> listed = list_directory(net_class, "*");
+    std::set<std::string> names{listed.begin(), listed.end()};
+    char line[256];
+    while (table && fgets(line, sizeof line, table.get()))
+        if (char *colon = strchr(line, ':'))
+            names.insert(std::string(line + strspn(line, " "), colon));
+    for (const std::string &name : names) {
+        printf("=== [interface %s]\n", name.c_str());
+        for (const question_t &question : questions) {
+            exchange_t exchange = {queries.fd, interface_request(name.c_str()), {}};
+            exchange.ethtool.command = question.command;
+            if (question.request == SIOCETHTOOL)
+                exchange.request.ifr_data = reinterpret_cast<char *>(&exchange.ethtool);
+            if (ioctl(queries.fd, question.request, &exchange.request) >= 0)
+                printf("%s %s\n", question.key, question.text(exchange).c_str());
+            else if (const int error = errno; error != question.missing)
+                printf("%s !%s\n", question.key, error_name(error));
+        }
+    }
+}
+
+void record_switch()
+{
+    if (!path_exists("/sys/module/openvswitch_mod") || !path_exists("/usr/bin/ovs-vsctl"))
+        return;
+    printf("=== /usr/bin/ovs-vsctl\ncase \"$2\" in\n");
+    for (const std::string &name : list_directory(net_class, "*")) {
+        if (!path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
+            continue;
+        char ports[1024 + 1] = "";
+        const int status = list_switch_ports(name.c_str(), ports, sizeof ports);
+        ports[strcspn(ports, "'")] = '\0'; // the shell's quote stands in no name
+        printf("%s) printf %%s '%s'; exit %d;;\n", name.c_str(), ports, status ? 1 : 0);
+    }
+    printf("*) exit 1;;\nesac\n");
+}
+
+void record_firmware()
+{
+    const unique_fd memory{open("/dev/mem", O_RDONLY | O_CLOEXEC)};
+    if (!memory)
+        return record_failure("=== /dev/mem open=");
+    smbios_entry_point_t smb;
+    off_t offset = 0;
+    errno = find_entry_point(memory.fd, &smb, &offset);
+    if (errno == EINVAL) // a memory where none is found
+        return record_memory(0xFFFFF, reinterpret_cast<const unsigned char *>(""), 1);
+    if (errno)
+        return record_failure("=== /dev/mem read=");
+
+    const int size = smb.anchor_string[0] ? std::max<int>(smb.length, sizeof smb) : 16;
+    unsigned char entry[UINT8_MAX];
+    unsigned char *data = nullptr;
+    const int refused = get_smbios_structures(&smb, &data, nullptr, nullptr);
+    const unique_heap<unsigned char> table{data};
+    // An entry point that leads to no readable table would lead the recorded host astray.
+    if ((refused && refused != EINVAL) || read_devmem(memory.fd, entry, size, offset))
+        return;
+    record_memory(offset, entry, size);
+    if (refused)
+        return;
+    if (masking)
+        mask_table(smb.dmi, table.get());
+    record_memory(smb.dmi.address, table.get(), smb.dmi.length);
+}
+
+void record_controller()
+{
+    const unique_fd device{open("/dev/ipmi0", O_RDWR | O_CLOEXEC)};
+    if (!device)
+        return record_failure("=== /dev/ipmi0 open=");
+    unsigned int address = 0x20; // where the controller sits on its management bus
+    ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
+    printf("=== /dev/ipmi0\n=== [ipmi]\n");
+    record_request(device.fd, {0x06, 0x37}, 1, 16); // Get System GUID
+    for (unsigned char channel = 0; channel < 15; channel++) {
+        const unique_reply info = record_request(device.fd, {0x06, 0x42, channel});
+        if (!info || (info->data[2] != 4 && info->data[2] != 6)) // a LAN's medium
+            continue;
+        // Get LAN Configuration Parameters: hardware address, source of the address, address.
+        record_request(device.fd, {0x0C, 0x02, channel, 5, 0, 0}, 2, 6);
+        record_request(device.fd, {0x0C, 0x02, channel, 4, 0, 0});
+        record_request(device.fd, {0x0C, 0x02, channel, 3, 0, 0}, 2, 4, '.');
+    }
+}
+
+void record_hypervisor()
+{
+    const unique_hypervisor handle = open_hypervisor("record-host");
+    printf("=== [hypervisor]\n");
+    if (!handle)
+        return record_failure("open !");
+    int scheduler = 0;
+    if (xc_sched_id(handle.get(), &scheduler) == 0)
+        printf("scheduler %d\n", scheduler);
+    else
+        record_failure("scheduler !");
+    xc_physinfo_t info = {};
+    if (xc_physinfo(handle.get(), &info) != 0)
+        record_failure("physinfo !");
+    printf("threads_per_core %u\ncores_per_socket %u\nnr_cpus %u\nnr_nodes %u\ncpu_khz %u\n"
+           "total_pages %lu\nfree_pages %lu\nscrub_pages %lu\nhw_cap",
+           info.threads_per_core, info.cores_per_socket, info.nr_cpus, info.nr_nodes, info.cpu_khz,
+           info.total_pages, info.free_pages, info.scrub_pages);
+    for (const uint32_t word : info.hw_cap)
+        printf(" %08x", word);
+    xc_dominfo_t domain = {};
+    printf("\n");
+    if (xc_domain_getinfo(handle.get(), 0, 1, &domain) < 1)
+        record_failure("getinfo !");
+    for_each_domain(handle.get(),
+                    [&](const xc_dominfo_t &found) { record_domain(handle.get(), found); });
+}
