@@ -141,12 +141,13 @@ std::string mask_text(const std::string &text)
     if (!masking)
         return text;
     std::string masked;
+    const char *start = text.c_str();
     const auto size = static_cast<regoff_t>(text.size());
     regoff_t at = 0;
-    for (regmatch_t match = {0, size};
-         regexec(&addresses, text.c_str(), 1, &match, REG_STARTEND) == 0; match = {at, size}) {
-        masked.append(&text[at], &text[match.rm_so]);
-        masked += stand_in({&text[match.rm_so], &text[match.rm_eo]});
+    for (regmatch_t match = {0, size}; regexec(&addresses, start, 1, &match, REG_STARTEND) == 0;
+         match = {at, size}) {
+        masked.append(start + at, start + match.rm_so);
+        masked += stand_in(std::string(start + match.rm_so, start + match.rm_eo));
         at = match.rm_eo;
     }
     return masked.append(text, static_cast<size_t>(at));
