@@ -41,18 +41,6 @@ TEST_F(Record, KeepsItsTextsWhenMemoryRunsOut)
     EXPECT_EQ(logged(), "kept\n");
 }
 
-TEST_F(Record, WritesTags)
-{
-    EXPECT_EQ(conn_send_XML_tag("BIOS", 4, 1), 0);
-    EXPECT_EQ(conn_send_XML_tag("Family Type=\"AF_INET\"", 0, 1), 0);
-    EXPECT_EQ(conn_send_XML_tag("BIOS", 2, 0), 0);
-    EXPECT_EQ(response(), "    <BIOS>\n<Family Type=\"AF_INET\">\n  </BIOS>\n");
-    EXPECT_EQ(conn_send_XML_tag("BIOS", -1, 1), EINVAL);
-    EXPECT_EQ(conn_send_XML_tag(nullptr, 0, 1), EINVAL);
-    EXPECT_EQ(logged(), "? conn_send_XML_tag: invalid arguments\n"
-                        "? conn_send_XML_tag: invalid arguments\n");
-}
-
 TEST_F(Record, CutsATagLineAt127Characters)
 {
     conn_send_XML_tag(std::string(123, 'x').c_str(), 1, 1); // 127 characters, line feed included
@@ -82,19 +70,4 @@ TEST_F(Record, StatusLineComesFirstAndAlone)
     EXPECT_EQ(conn_send_response2(RSP_OK, nullptr), 0);
     EXPECT_EQ(conn_close(&the_connection), 0);
     EXPECT_EQ(response(), "Status: 200 Success\n");
-}
-
-TEST_F(Record, StatusLineTakesAtMost1024Bytes)
-{
-    const std::string longest(1024 - strlen("Status: 400 ") - 2, 'x');
-    EXPECT_EQ(conn_send_response2(RSP_CLIENT_BAD_REQ, "%s", longest.c_str()), 0);
-    EXPECT_EQ(response(), "Status: 400 " + longest + "\n");
-    conn_free(&the_connection);
-    EXPECT_EQ(conn_send_response2(RSP_CLIENT_BAD_REQ, "%sx", longest.c_str()), ENOMEM);
-    EXPECT_EQ(response(), "(null)");
-    EXPECT_EQ(logged(),
-              "? conn_send_response2: response too long: needed 1025 chars, 1024 available\n");
-    EXPECT_EQ(conn_close(&the_connection), 0);
-    EXPECT_EQ(response(), "Status: 500 Generic failure response on close\n");
-    EXPECT_EQ(conn_close(nullptr), EINVAL);
 }

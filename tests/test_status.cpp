@@ -92,25 +92,6 @@ TEST_F(Status, ReadsMemoryFiles)
     EXPECT_EQ(read_meminfo(&meminfo), EINVAL);
     EXPECT_EQ(simhost_calls("read"), 3 + 10 + 1);
 
-    const struct {
-        std::string limit;
-        int status;
-        unsigned long hard_limit;
-    } rows[] = {
-        {"", 0, 0},
-        {"Xen hard limit: ??? kB\n", 0, 0},
-        {"Xen hard limit:   77 kB\n", 0, 77},
-        {"Xen hard limit: " + std::string(200, '1') + " kB\n", 0, ULONG_MAX},
-        {"Xen hard limit: none\n", EINVAL, 0},
-    };
-    for (const auto &row : rows) {
-        xenballoon_contents balloon;
-        put("/proc/xen/balloon", "Current allocation: 1 kB\nRequested target:\t2 kB\nLow-mem "
-                                 "balloon: 3 kB\nHigh-mem balloon: 4 kB\nDriver pages: 5 kB\n" +
-                                     row.limit);
-        EXPECT_EQ(read_xenballoon_instantaneous(&balloon), row.status);
-        EXPECT_EQ(balloon.xbc_XenHardLimit_inKB, row.hard_limit);
-    }
     constexpr long available[][2] = {{1024, 986}, {1023, 985}, {130, 100},
                                      {30, 1},     {29, 0},     {28, 0}};
     for (const auto &[free_mb, available_mb] : available)

@@ -38,13 +38,6 @@ TEST_F(Text, AppendsWithinABuffer)
     }
 }
 
-TEST_F(Text, TellsTheTimeInUtc)
-{
-    EXPECT_EQ(taken(xml_dateTime(0)), "1970-01-01T00:00:00");
-    EXPECT_EQ(taken(xml_dateTime(1700000000)), "2023-11-14T22:13:20");
-    EXPECT_EQ(taken(xml_dateTime(LONG_MAX)), "(null)");
-}
-
 std::string dumped(int level, int length, int offset, int trail)
 {
     const std::string bytes = std::string("\0\x1f ~\x7f\xff\nA", 8) + std::string(200, 'x');
@@ -67,32 +60,6 @@ TEST_F(Text, DumpsBytes)
     EXPECT_EQ(dumped(3, 0, 0, 0), "\n");
     hex_dump(nullptr, 1, 0, 0);
     EXPECT_EQ(logged(), "? hex_dump: invalid arguments\n");
-}
-
-TEST_F(Text, EncodesBase64)
-{
-    // RFC 4648, section 10, and both ends of the alphabet.
-    const struct {
-        const char *bytes, *encoded;
-    } rows[] = {
-        {"", ""},
-        {"f", "Zg=="},
-        {"fo", "Zm8="},
-        {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="},
-        {"foobar", "Zm9vYmFy"},
-        {"\xfb\xff\xbf", "+/+/"},
-    };
-    for (const auto &row : rows) {
-        char ascii[16] = "unwritten";
-        const auto *bytes = reinterpret_cast<const unsigned char *>(row.bytes);
-        EXPECT_EQ(m64_encode(bytes, static_cast<int>(strlen(row.bytes)), ascii),
-                  static_cast<int>(strlen(row.encoded)));
-        EXPECT_STREQ(ascii, row.encoded);
-    }
-    EXPECT_EQ(m64_encode(nullptr, 1, nullptr), 0);
-    EXPECT_EQ(logged(), "? m64_encode: invalid arguments\n");
 }
 
 TEST_F(Text, WritesBytesAndFlags)
