@@ -258,7 +258,7 @@ void send_process(int indent, const char *pidName, const proc_stat_t &p)
         .decimal("ChildSystemTime", p.cstime, ".")
         .close("RUsage")
         .send();
-    conn_send_XML_tag("Process", indent, 0);
+    group_t(c).close("Process").send();
 }
 
 /** Reads the first line of a file, cut to its buffer. Returns whether there was one; else errno
@@ -285,20 +285,22 @@ bool read_line(int fd, char *line, size_t size)
 int report_process(int proc, int indent, const char *pidName)
 {
     constexpr char reporter[] = "send_proc_info";
-    const path_t<256> path("%s/%s/stat", proc_root, pidName);
-    const char *name = proc == AT_FDCWD ? path.text : path.text + sizeof proc_root;
+    char path[256] = "/proc/";
+    strlcat(path, pidName, sizeof path);
+    strlcat(path, "/stat", sizeof path);
+    const char *name = proc == AT_FDCWD ? path : path + sizeof proc_root;
     char line[512];
     const unique_fd file{openat(proc, name, O_RDONLY | O_CLOEXEC)};
     if (!file) {
         const int error = errno;
         if (get_debug_state() >= 1)
-            debug_print("%% %s: unable to open '%s', errno %d (%s)\n", reporter, path.text, error,
+            debug_print("%% %s: unable to open '%s', errno %d (%s)\n", reporter, path, error,
                         strerror(error));
         return error;
     }
     if (!read_line(file.fd, line, sizeof line)) {
         const int error = errno;
-        error_print("? %s: unable to read '%s', errno %d (%s)\n", reporter, path.text, error,
+        error_print("? %s: unable to read '%s', errno %d (%s)\n", reporter, path, error,
                     strerror(error));
         return error;
     }
