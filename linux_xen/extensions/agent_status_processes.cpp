@@ -202,11 +202,18 @@ struct group_t {
     }
 };
 
-void send_process(int indent, const char *pidName, const proc_stat_t &p)
+/** What was read of one process. */
+struct stat_file_t {
+    char pidName[256];
+    char line[512];
+};
+
+void send_process(int indent, const stat_file_t &stat)
 {
+    const proc_stat_t p = scan_proc_stat(stat.line);
     const int c = indent + 2;
     const char state[] = {p.state ? p.state : '0', '\0'};
-    group_t(indent).open("Process", " PID=\"", pidName, "\"").text("State", state).send();
+    group_t(indent).open("Process", " PID=\"", stat.pidName, "\"").text("State", state).send();
     if (p.comm[0])
         conn_send_XML_string("Command", c, p.comm);
     group_t(c)
@@ -281,31 +288,28 @@ bool read_line(int fd, char *line, size_t size)
     return length > 0;
 }
 
-/** Reports the process from its stat file below the open directory `proc`, or AT_FDCWD. */
-int report_process(int proc, int indent, const char *pidName)
+/** Reads a process's stat file below the open directory `proc`, or AT_FDCWD. Returns whether that
+ * worked; else errno says why. */
+bool read_stat(int proc, const char *pidName, stat_file_t *stat)
 {
     constexpr char reporter[] = "send_proc_info";
     char path[256] = "/proc/";
     strlcat(path, pidName, sizeof path);
     strlcat(path, "/stat", sizeof path);
     const char *name = proc == AT_FDCWD ? path : path + sizeof proc_root;
-    char line[512];
     const unique_fd file{openat(proc, name, O_RDONLY | O_CLOEXEC)};
-    if (!file) {
-        const int error = errno;
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: unable to open '%s', errno %d (%s)\n", reporter, path, error,
-                        strerror(error));
-        return error;
-    }
-    if (!read_line(file.fd, line, sizeof line)) {
-        const int error = errno;
+    const bool had_line = file && read_line(file.fd, stat->line, sizeof stat->line);
+    const int error = errno;
+    if (had_line)
+        *stpncpy(stat->pidName, pidName, sizeof stat->pidName - 1) = '\0';
+    else if (file)
         error_print("? %s: unable to read '%s', errno %d (%s)\n", reporter, path, error,
                     strerror(error));
-        return error;
-    }
-    send_process(indent, pidName, scan_proc_stat(line));
-    return 0;
+    else if (get_debug_state() >= 1)
+        debug_print("%% %s: unable to open '%s', errno %d (%s)\n", reporter, path, error,
+                    strerror(error));
+    errno = error;
+    return had_line;
 }
 
 } // namespace
@@ -323,7 +327,11 @@ int send_proc_info(int indent, const char *pidName)
         error_print("? %s: null input\n", __func__);
         return EINVAL;
     }
-    return report_process(AT_FDCWD, indent, pidName);
+    stat_file_t stat;
+    if (!read_stat(AT_FDCWD, pidName, &stat))
+        return errno;
+    send_process(indent, stat);
+    return 0;
 }
 
 int send_ps_info(int indent)
@@ -337,8 +345,20 @@ int send_ps_info(int indent)
     }
     if (const int status = conn_send_XML_tag("Processes", indent, 1))
         return status;
-    while (const char *name = next_entry(proc.get(), ENTRY_DIRECTORY))
-        if (name[0] >= '0' && name[0] <= '9')
-            report_process(dirfd(proc.get()), indent + 2, name);
+    // Reading and writing take turns of some processes each: every change between the kernel's code
+    // and this one's costs a start with cold caches.
+    stat_file_t batch[16];
+    stat_file_t *end = batch;
+    const auto flush = [&] {
+        std::for_each(batch, end, [=](const stat_file_t &stat) { send_process(indent + 2, stat); });
+        end = batch;
+    };
+    while (const char *name = next_entry(proc.get(), ENTRY_DIRECTORY)) {
+        if (name[0] >= '0' && name[0] <= '9' && read_stat(dirfd(proc.get()), name, end))
+            end++;
+        if (end == std::end(batch))
+            flush();
+    }
+    flush();
     return conn_send_XML_tag("Processes", indent, 0);
 }
