@@ -264,6 +264,12 @@ int error_unable_to_open(const char *function, const char *path, int error)
     return error;
 }
 
+int error_unable_to_open_unquoted(const char *function, const char *path, int error)
+{
+    error_print("? %s: unable to open %s, errno %d (%s)\n", function, path, error, strerror(error));
+    return error;
+}
+
 int debug_print(const char *format, ...)
 {
     va_list arguments;

@@ -97,6 +97,9 @@ int error_invalid_arguments(const char *function);
  */
 int error_unable_to_open(const char *function, const char *path, int error);
 
+/** The same for the kernel's fixed files, whose names the message does not quote. */
+int error_unable_to_open_unquoted(const char *function, const char *path, int error);
+
 /** Writes a formatted message to standard output, whatever the debug level: callers test it. */
 int debug_print(const char *format, ...) PRINTF_FORMAT(1, 2);
 

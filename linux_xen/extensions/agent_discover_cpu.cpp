@@ -110,9 +110,7 @@ void show_proc_cpuinfo(int indent)
     }
     const unique_stream table{fopen(processor_table, "re")};
     if (!table) {
-        const int error = errno;
-        error_print("? %s: unable to open %s, errno %d (%s)\n", __func__, processor_table, error,
-                    strerror(error));
+        error_unable_to_open_unquoted(__func__, processor_table, errno);
         return;
     }
     conn_send_XML_tag("Proc_Info", indent, 1);

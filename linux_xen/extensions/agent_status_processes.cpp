@@ -296,7 +296,7 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
     char path[256] = "/proc/";
     strlcat(path, pidName, sizeof path);
     strlcat(path, "/stat", sizeof path);
-    const char *name = proc == AT_FDCWD ? path : path + sizeof proc_root;
+    const char *name = proc == AT_FDCWD ? path : path + strlen("/proc/");
     const unique_fd file{openat(proc, name, O_RDONLY | O_CLOEXEC)};
     const bool had_line = file && read_line(file.fd, stat->line, sizeof stat->line);
     const int error = errno;
@@ -337,12 +337,8 @@ int send_proc_info(int indent, const char *pidName)
 int send_ps_info(int indent)
 {
     const unique_directory proc{opendir(proc_root)};
-    if (!proc) {
-        const int error = errno;
-        error_print("? %s: unable to open %s, errno %d (%s)\n", __func__, proc_root, error,
-                    strerror(error));
-        return error;
-    }
+    if (!proc)
+        return error_unable_to_open_unquoted(__func__, proc_root, errno);
     if (const int status = conn_send_XML_tag("Processes", indent, 1))
         return status;
     // Reading and writing take turns of some processes each: every change between the kernel's code

@@ -147,12 +147,8 @@ int get_network_device_list(eth_header_t *hdr)
     if (!queries)
         return error_unable_to_open_socket(__func__, errno);
     const unique_stream table{fopen(device_table, "re")};
-    if (!table) {
-        const int error = errno;
-        error_print("? %s: unable to open %s, errno %d (%s)\n", __func__, device_table, error,
-                    strerror(error));
-        return error;
-    }
+    if (!table)
+        return error_unable_to_open_unquoted(__func__, device_table, errno);
     char line[256];
     while (fgets(line, sizeof line, table.get())) {
         char *colon = strchr(line, ':');
