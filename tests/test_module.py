@@ -4,11 +4,13 @@ Runs under Python 2.7 and 3 with the simulated host preloaded:
     LD_PRELOAD=libsimhost.so PYTHONPATH=build/python3 python3 tests/test_module.py
 """
 import ctypes
+import gc
 import glob
 import io
 import os
 import sys
 import unittest
+import weakref
 import xml.etree.ElementTree as ElementTree
 
 import ZorvikDiscoverExtension as module
@@ -71,6 +73,10 @@ def recorded_calls():
                     yield host, words[0], int(words[1]), words[2], words[3]
 
 
+class Garbage(object):
+    """What only the collector frees, once it refers to itself."""
+
+
 class ModuleTest(unittest.TestCase):
     maxDiff = None
 
@@ -93,6 +99,28 @@ class ModuleTest(unittest.TestCase):
         alone = module.unique_id()
         self.assertEqual(module.unique_id(1, "two"), alone)
         self.assertIs(type(alone[0]), int)
+
+    def test_call_within_a_call(self):
+        """Building the answer may collect garbage, whose finalizer asks this module again."""
+        load("cards")
+        outer, inner = module.unique_id(), module.status("nonsense")
+        nested, rounds = [], 50
+        used_up = [(None,) * 3 for _ in range(5000)]  # a new tuple must be allocated
+        self.addCleanup(gc.set_threshold, *gc.get_threshold())
+        for _ in range(rounds):
+            gc.disable()
+            garbage = Garbage()
+            watch = weakref.ref(garbage, lambda _: nested.append(module.status("nonsense")))
+            garbage.itself = garbage
+            del garbage
+            gc.set_threshold(1)
+            gc.enable()
+            answer = module.unique_id()
+            gc.collect()
+            self.assertEqual(answer, outer)
+            used_up.append(answer)
+            del watch
+        self.assertEqual(nested, [inner] * rounds)
 
     def test_exported_data(self):
         library = ctypes.CDLL(module.__file__)

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "agent_handles.h"
 
@@ -88,11 +89,11 @@ int string_append(char **existing, known_length_t &known, const char *string, si
     return 0;
 }
 
-void string_release(char **existing, known_length_t &known)
+/** Takes a text out of the record. */
+unique_text string_take(char **existing, known_length_t &known)
 {
-    free(*existing);
-    *existing = nullptr;
     known = {nullptr, 0};
+    return unique_text{std::exchange(*existing, nullptr)};
 }
 
 } // namespace
@@ -107,13 +108,20 @@ conn_t *conn_get()
     return &the_connection;
 }
 
+conn_t conn_take(conn_t *conn)
+{
+    response_is_cut = false;
+    return {string_take(&conn->response, response_length).release(),
+            string_take(&conn->logmsg, logmsg_length).release()};
+}
+
 int conn_free(conn_t *conn)
 {
     if (!conn)
         return error_invalid_arguments(__func__);
-    string_release(&conn->response, response_length);
-    string_release(&conn->logmsg, logmsg_length);
-    response_is_cut = false;
+    const conn_t texts = conn_take(conn);
+    free(texts.response);
+    free(texts.logmsg);
     return 0;
 }
 
@@ -148,7 +156,7 @@ int conn_send_response2(int code, const char *format, ...)
     if (conn->response) {
         error_print("? %s: response string should be NULL, but was: %s\n", __func__,
                     conn->response);
-        string_release(&conn->response, response_length);
+        string_take(&conn->response, response_length);
     }
     char line[1024];
     const int prefix = snprintf(line, sizeof line, "Status: %d ", code);

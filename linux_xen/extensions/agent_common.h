@@ -49,6 +49,9 @@ inline int get_debug_state()
 conn_t *new_conn();
 conn_t *conn_get();
 
+/** Takes both texts out of the record and leaves it empty; they are the caller's to free. */
+conn_t conn_take(conn_t *conn);
+
 /** Frees both texts and leaves the record empty. Returns 0, or EINVAL for a null record. */
 int conn_free(conn_t *conn);
 

@@ -8,6 +8,7 @@
 
 #include "agent_common.h"
 #include "agent_discover.h"
+#include "agent_handles.h"
 #include "agent_status.h"
 
 namespace
@@ -24,26 +25,30 @@ PyObject *text_object(void *text)
     return PyUnicode_DecodeUTF8(bytes, static_cast<Py_ssize_t>(strlen(bytes)), "surrogateescape");
 }
 
-PyObject *build_result(int status, const conn_t *conn)
+PyObject *build_result(int status, const conn_t &answer)
 {
-    return Py_BuildValue("iO&O&", status, text_object, conn->response, text_object, conn->logmsg);
+    return Py_BuildValue("iO&O&", status, text_object, answer.response, text_object, answer.logmsg);
 }
 
 #else
 
-PyObject *build_result(int status, const conn_t *conn)
+PyObject *build_result(int status, const conn_t &answer)
 {
-    return Py_BuildValue("iss", status, conn->response, conn->logmsg);
+    return Py_BuildValue("iss", status, answer.response, answer.logmsg);
 }
 
 #endif
 
-/** Builds the tuple of a finished call and empties the record. */
+/**
+ * Builds the tuple of a finished call. The record is emptied first: where the interpreter allocates
+ * it may run anything, a finalizer, another thread, this module again.
+ */
 PyObject *finish(int status, conn_t *conn)
 {
-    PyObject *result = build_result(status, conn);
-    conn_free(conn);
-    return result;
+    const conn_t answer = conn_take(conn);
+    const unique_text response{answer.response};
+    const unique_text logmsg{answer.logmsg};
+    return build_result(status, answer);
 }
 
 PyObject *ZorvikDiscoverExtension_discover_hardware(PyObject *, PyObject *)
