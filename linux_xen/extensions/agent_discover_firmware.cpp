@@ -48,6 +48,27 @@ int verify_entry_point(int fd, const smbios_entry_point_t *smb, off_t offset)
     }
     return 0;
 }
+/**
+ * Copies a mapping through the kernel, which answers EFAULT where a page of it is not there; to
+ * touch such a page would kill the process. Returns whether all `size` bytes could be had.
+ */
+bool copy_through_pipe(unsigned char *to, const unsigned char *mapped, size_t size)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
+    const unique_fd reading{ends[0]};
+    const unique_fd writing{ends[1]};
+    // One turn is enough for the largest table, unless the kernel made the pipe a small one.
+    for (size_t copied = 0; copied < size;) {
+        const ssize_t count = write(writing.fd, mapped + copied, size - copied);
+        if (count <= 0 || read(reading.fd, to + copied, static_cast<size_t>(count)) != count)
+            return false;
+        copied += static_cast<size_t>(count);
+    }
+    return true;
+}
+
 
 /** Some kernels refuse to read(2) a table beyond low memory but let it be mapped. */
 int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table)
@@ -58,12 +79,13 @@ int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table
     const size_t size = before + dmi->length;
     void *mapped =
         mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, address - static_cast<off_t>(before));
-    if (mapped == MAP_FAILED) {
+    const bool copied =
+        mapped != MAP_FAILED &&
+        copy_through_pipe(table, static_cast<unsigned char *>(mapped) + before, dmi->length);
+    const bool unmapped = mapped == MAP_FAILED || munmap(mapped, size) == 0;
+    if (!copied)
         error_print("? %s: mmap failed with error MAP_FAILED\n", reader);
-        return -1;
-    }
-    memcpy(table, static_cast<unsigned char *>(mapped) + before, dmi->length);
-    if (munmap(mapped, size) != 0) {
+    else if (!unmapped)
         error_print("? %s: munmap failed\n", reader);
         return -1;
     }
