@@ -103,8 +103,7 @@ void show_proc_cpuinfo(int indent)
     if (!hypervisor)
         return;
     xc_dominfo_t domain = {};
-    if (const int count = xc_domain_getinfo(hypervisor.get(), 0, 1, &domain);
-        count < 1 || domain.domid != 0) {
+    if (const int count = xc_domain_getinfo(hypervisor.get(), 0, 1, &domain); count < 1) {
         error_print("? %s: unable to get domain 0 info, status %d\n", __func__, count);
         return;
     }
