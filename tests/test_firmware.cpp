@@ -174,6 +174,25 @@ TEST_F(Firmware, WalksHostileTables)
 TEST_F(Firmware, FieldsEndWithTheFormattedArea)
 {
     bytes_t table("\x04\x16\x22\x11"
+TEST_F(Firmware, PrintableIsWhatAsciiPrintsInAnyLocale)
+{
+    // As under a Latin-1 locale, which a test machine need not have.
+    const unsigned short *const table = *__ctype_b_loc();
+    unsigned short latin1[384];
+    std::copy_n(table - 128, std::size(latin1), latin1);
+    std::fill(latin1 + 128 + 0xA0, latin1 + 384, _ISprint | _ISgraph);
+    *__ctype_b_loc() = latin1 + 128;
+    const std::string seen = walked(bytes_t("\x01\x04\x01\x00 ~\x7f\xa0\xe9\0\0", 11), 1);
+    global_debug_state = 1;
+    testing::internal::CaptureStdout();
+    hex_dump("\xe9", 1, 0, 0);
+    fflush(stdout);
+    const std::string dump = testing::internal::GetCapturedStdout();
+    *__ctype_b_loc() = table;
+    EXPECT_EQ(seen, "1:11 ' ~...' ");
+    EXPECT_EQ(dump.substr(dump.size() - 3), " .\n");
+}
+
                   "0123456789abcdefgh\0\0",
                   24);
     const dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24};

@@ -167,6 +167,12 @@ bool path_exists(const char *path);
 /** The characters of isspace() in the POSIX locale, whatever the host process's locale is. */
 inline constexpr char white_space[] = " \t\n\v\f\r";
 
+/** Whether a byte is printable ASCII, a blank included, whatever the host process's locale is. */
+inline bool is_printable(char character)
+{
+    return character >= ' ' && character <= '~';
+}
+
 /** How many of the `length` characters of `text` are left without the white space behind them. */
 size_t trimmed_length(const char *text, size_t length);
 

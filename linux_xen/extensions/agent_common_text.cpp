@@ -1,7 +1,6 @@
 #include "agent_common.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
@@ -85,11 +84,6 @@ namespace
 
 constexpr int dump_width = 16;
 
-char dump_character(unsigned char byte)
-{
-    return !iscntrl(byte) && (isgraph(byte) || isspace(byte)) ? static_cast<char>(byte) : '.';
-}
-
 /** One line of a dump: up to 16 bytes as hex pairs, then as characters, in two groups of eight. */
 void print_dump_line(const unsigned char *bytes, int length, unsigned int offset)
 {
@@ -105,7 +99,8 @@ void print_dump_line(const unsigned char *bytes, int length, unsigned int offset
     for (int i = 0; i < length; i++) {
         if (i % 8 == 0)
             *end++ = ' ';
-        *end++ = dump_character(bytes[i]);
+        const char character = static_cast<char>(bytes[i]);
+        *end++ = is_printable(character) ? character : '.';
     }
     *end++ = '\n';
     *end = '\0';

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -281,7 +280,6 @@ char *get_dmi_string(const dmi_structure_t &structure, int num)
         string = terminator + 1;
     }
     std::replace_if(
-        string, terminator,
-        [](char character) { return !isprint(static_cast<unsigned char>(character)); }, '.');
+        string, terminator, [](char character) { return !is_printable(character); }, '.');
     return string;
 }
