@@ -117,15 +117,15 @@ std::string walked(const bytes_t &table, int items)
     const dmi_entry_point_t dmi = {
         {}, 0, static_cast<uint16_t>(table.size()), 0, static_cast<uint16_t>(items), 0, 0};
     std::vector<unsigned char> copy(table.begin(), table.end()); // exact, for AddressSanitizer
+    dmi_walk_t walk = {dmi, copy.data()};
     dmi_structure_t structure = {};
     std::string seen;
-    int item = -1;
-    int index = 0;
-    while ((structure.total =
-                iter_dmi_elements(&dmi, copy.data(), &item, &index, &structure.header)) > 0) {
+    while (next_structure(&walk, &structure)) {
         seen +=
             std::to_string(structure.header->type) + ":" + std::to_string(structure.total) + " ";
-        dmi_number(structure, DMI_FIELD(dmi_element_t, handle));
+        if (const unsigned handle = dmi_number(structure, DMI_FIELD(dmi_element_t, handle));
+            handle > 0xFF)
+            seen.append("#").append(std::to_string(handle)).append(" ");
         for (int num = 0; num < 5; num++)
             if (const char *string = get_dmi_string(structure, num))
                 seen += std::string("'") + string + "' ";
@@ -166,14 +166,14 @@ TEST_F(Firmware, WalksHostileTables)
         {bytes_t("\x09\x00\x00\x00", 4), 9, "9:3 '.' " + off_end},
         {bytes_t("\x01\x01\x41\0\0", 5), 1, "1:5 '.A' "},
         {bytes_t("\x09\x02\x41", 3), 9, "9:3 " + short_table},
+        // A length of 0, whose strings end inside the handle: all of it that the table has.
+        {bytes_t("\x09\x00\x00\x12", 4), 1, "9:3 #4608 '.' "},
+        {bytes_t("\x09\x00\x00", 3), 1, "9:3 '.' "},
     };
     for (const auto &row : rows)
         EXPECT_EQ(walked(row.table, row.items), row.seen);
 }
 
-TEST_F(Firmware, FieldsEndWithTheFormattedArea)
-{
-    bytes_t table("\x04\x16\x22\x11"
 TEST_F(Firmware, PrintableIsWhatAsciiPrintsInAnyLocale)
 {
     // As under a Latin-1 locale, which a test machine need not have.
@@ -193,13 +193,16 @@ TEST_F(Firmware, PrintableIsWhatAsciiPrintsInAnyLocale)
     EXPECT_EQ(dump.substr(dump.size() - 3), " .\n");
 }
 
+TEST_F(Firmware, FieldsEndWithTheFormattedArea)
+{
+    bytes_t table("\x04\x16\x22\x11"
                   "0123456789abcdefgh\0\0",
                   24);
-    const dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24};
+    const dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24, 24};
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_element_t, handle)), 0x1122U);
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, max_speed)), 0x6867U);
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, current_speed)), 0U);
-    EXPECT_EQ(get_dmi_string({nullptr, 0}, 1), nullptr);
+    EXPECT_EQ(get_dmi_string({nullptr, 0, 0}, 1), nullptr);
     EXPECT_EQ(get_dmi_string(structure, -1), nullptr);
 }
 

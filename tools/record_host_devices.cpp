@@ -116,9 +116,9 @@ constexpr struct {
 void mask_table(const dmi_entry_point_t &entry, unsigned char *table)
 {
     constexpr uint8_t oem_strings = 11, first_oem_type = 128;
-    int item = -1, index = 0;
+    dmi_walk_t walk = {entry, table};
     dmi_structure_t structure = {};
-    while ((structure.total = iter_dmi_elements(&entry, table, &item, &index, &structure.header))) {
+    while (next_structure(&walk, &structure)) {
         const uint8_t type = structure.header->type;
         const bool whole = type == oem_strings || type >= first_oem_type;
         for (unsigned int number = 1; number < 256; number++)

@@ -47,6 +47,7 @@ int verify_entry_point(int fd, const smbios_entry_point_t *smb, off_t offset)
     }
     return 0;
 }
+
 /**
  * Copies a mapping through the kernel, which answers EFAULT where a page of it is not there; to
  * touch such a page would kill the process. Returns whether all `size` bytes could be had.
@@ -68,7 +69,6 @@ bool copy_through_pipe(unsigned char *to, const unsigned char *mapped, size_t si
     return true;
 }
 
-
 /** Some kernels refuse to read(2) a table beyond low memory but let it be mapped. */
 int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table)
 {
@@ -86,9 +86,7 @@ int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table
         error_print("? %s: mmap failed with error MAP_FAILED\n", reader);
     else if (!unmapped)
         error_print("? %s: munmap failed\n", reader);
-        return -1;
-    }
-    return 0;
+    return copied && unmapped ? 0 : -1;
 }
 
 } // namespace
@@ -238,12 +236,20 @@ int iter_dmi_elements(const dmi_entry_point_t *dmi, unsigned char *dmiBuf, int *
     return total;
 }
 
+bool next_structure(dmi_walk_t *walk, dmi_structure_t *structure)
+{
+    structure->available = walk->dmi.length - walk->index;
+    structure->total =
+        iter_dmi_elements(&walk->dmi, walk->table, &walk->item, &walk->index, &structure->header);
+    return structure->total > 0;
+}
+
 uint8_t *dmi_field(const dmi_structure_t &structure, dmi_field_t field)
 {
     // The header counts as formatted area, whatever a structure says of its own length.
     const int formatted =
         std::max<int>(structure.header->length, static_cast<int>(sizeof *structure.header));
-    if (field.offset + field.width > std::min(formatted, structure.total))
+    if (field.offset + field.width > std::min(formatted, structure.available))
         return nullptr;
     return reinterpret_cast<uint8_t *>(structure.header) + field.offset;
 }

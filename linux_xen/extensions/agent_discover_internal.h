@@ -134,11 +134,20 @@ static_assert(sizeof(dmi_entry_point_t) == 16 && sizeof(smbios_entry_point_t) ==
 static_assert(sizeof(dmi_bios_t) == 18 && sizeof(dmi_system_t) == 25 && sizeof(dmi_module_t) == 15);
 static_assert(sizeof(dmi_chassis_t) == 21 && sizeof(dmi_processor_t) == 42);
 
-/** A structure inside the table copy: its header, and the bytes that belong to it, strings
- * included. */
+/** A structure inside the table copy: its header, the bytes that belong to it, strings included,
+ * and all that there are from its header to the end of the copy. */
 struct dmi_structure_t {
     dmi_element_t *header;
     int total;
+    int available;
+};
+
+/** A walk through the table copy of an entry point, from its first structure on. */
+struct dmi_walk_t {
+    const dmi_entry_point_t &dmi;
+    unsigned char *table;
+    int item = -1; // the number of the current structure
+    int index = 0; // where the next one begins
 };
 
 /** Where a field lies in the formatted area of a structure. */
@@ -191,6 +200,9 @@ uint8_t verify_cksum(const void *buf, int length);
  */
 int iter_dmi_elements(const dmi_entry_point_t *dmi, unsigned char *dmiBuf, int *itemp, int *indexp,
                       dmi_element_t **element);
+
+/** Steps to the next structure of a walk. Returns false at the end of the table. */
+bool next_structure(dmi_walk_t *walk, dmi_structure_t *structure);
 
 /**
  * String `num` (from 1) of a structure, its unprintable bytes replaced by "." in the table copy.

@@ -142,11 +142,9 @@ void send_structure(const dmi_structure_t &structure, int item, int indent,
 
 void send_structures(unsigned char *table, int indent, const smbios_entry_point_t &smb)
 {
-    int item = -1;
-    int index = 0;
+    dmi_walk_t walk = {smb.dmi, table};
     dmi_structure_t structure = {};
-    while ((structure.total =
-                iter_dmi_elements(&smb.dmi, table, &item, &index, &structure.header)) > 0) {
+    while (next_structure(&walk, &structure)) {
         const dmi_element_t &header = *structure.header;
         if (get_debug_state() >= 3)
             debug_print("%% %s:   type 0x%x, fixed 0x%x, total 0x%x handle 0x%x\n", reporter,
@@ -157,7 +155,7 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
                 debug_print("%% %s:   TABLE_END\n", reporter);
             return;
         }
-        send_structure(structure, item, indent, smb);
+        send_structure(structure, walk.item, indent, smb);
     }
 }
 

@@ -71,13 +71,10 @@ bool firmware_unique_id(uint8_t *uuid, int uuid_len)
     if (get_smbios_structures(&smb, &data, nullptr, nullptr) != 0)
         return false;
     const unique_heap<unsigned char> table{data};
-    int item = -1;
-    int index = 0;
+    dmi_walk_t walk = {smb.dmi, table.get()};
     dmi_structure_t structure = {};
     do {
-        structure.total =
-            iter_dmi_elements(&smb.dmi, table.get(), &item, &index, &structure.header);
-        if (structure.total <= 0)
+        if (!next_structure(&walk, &structure))
             return false;
     } while (structure.header->type != DMI_SYSTEM);
 
