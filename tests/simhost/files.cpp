@@ -178,6 +178,8 @@ int openat64(int at, const char *path, int flags, ...) __attribute__((alias("ope
 
 int close(int fd)
 {
+    if (is_ipmi(fd))
+        ipmi_close();
     descriptors().erase(fd);
     return REAL(close)(fd);
 }

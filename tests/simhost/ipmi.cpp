@@ -118,6 +118,11 @@ bool simhost::is_ipmi(int fd)
     return file != descriptors().end() && file->second == "/dev/ipmi0";
 }
 
+void simhost::ipmi_close()
+{
+    exchange().late = false;
+}
+
 int simhost::ipmi_ioctl(unsigned long request, void *argument)
 {
     if (plan("ioctl") == outcome::failed)

@@ -104,6 +104,9 @@ std::map<int, std::string> &descriptors();
 bool is_ipmi(int fd);
 int ipmi_ioctl(unsigned long request, void *argument);
 
+/** Drops a reply that nobody has waited for, as the driver does when its device is closed. */
+void ipmi_close();
+
 template <typename Function> Function *real(const char *name, Function *)
 {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
