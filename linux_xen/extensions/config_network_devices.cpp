@@ -230,15 +230,14 @@ int infiniband_device(const char *devName)
 
 void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)
 {
-    eth_device_t *next = nullptr;
-    TAILQ_FOREACH(next, hdr, eth_entry)
-    {
-        if (strcmp(next->device_name, eth->device_name) > 0) {
-            TAILQ_INSERT_BEFORE(next, eth, eth_entry);
-            return;
-        }
-    }
-    TAILQ_INSERT_TAIL(hdr, eth, eth_entry);
+    // The kernel lists most devices in the order of their names.
+    eth_device_t *before = TAILQ_LAST(hdr, eth_header_s);
+    while (before && strcmp(before->device_name, eth->device_name) > 0)
+        before = TAILQ_PREV(before, eth_header_s, eth_entry);
+    if (before)
+        TAILQ_INSERT_AFTER(hdr, before, eth, eth_entry);
+    else
+        TAILQ_INSERT_HEAD(hdr, eth, eth_entry);
 }
 
 int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
