@@ -1,5 +1,6 @@
 // The rules of the network document that a recorded host cannot show case by case.
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <sys/wait.h>
 
@@ -65,8 +66,9 @@ TEST_F(Network, OpenSwitchTool)
         {tool + "echo eth0; exit 2", "", "", -1},
         {tool + "echo eth0; kill -9 $$", "", "", -1},
         {host, "", "", -1},
-        {tool + "echo eth0; exec sleep 60", "", "", -1,
-         "? show_opensw_ifs: /usr/bin/ovs-vsctl did not end within 5 seconds and was killed\n"},
+        {tool + "sleep 2 &", "", "", 0,
+         "? show_opensw_ifs: /usr/bin/ovs-vsctl ended, but another process keeps its output "
+         "open\n"},
         {host, "", "", ENOMEM,
          "? show_opensw_ifs: can not Create pipe , errno 12 (Cannot allocate memory)\n", "pipe2"},
         {host, "", "", ENOMEM,
@@ -85,6 +87,33 @@ TEST_F(Network, OpenSwitchTool)
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
         EXPECT_EQ(open_descriptors(), open_before);
     }
+}
+
+TEST_F(Network, OpenSwitchToolHasFiveSecondsForAllBridges)
+{
+    load("=== /sys/module/openvswitch_mod/\n=== /sys/class/net/br0 -> ../../b\n=== /sys/b/bridge/\n"
+         "=== /sys/class/net/br1 -> ../../b\n=== /sys/b/address\n00:16:3e:00:00:01\n"
+         "=== /usr/bin/ovs-vsctl\necho $2; [ $2 = br0 ] && sleep 2 || exec sleep 60");
+    const time_t start = time(nullptr);
+    EXPECT_EQ(bridge_config(0), -1);
+    EXPECT_LE(time(nullptr) - start, 6);
+    EXPECT_EQ(texts("PhyInterface"), "|br0");
+    EXPECT_EQ(
+        logged(),
+        "? show_opensw_ifs: /usr/bin/ovs-vsctl did not end within 5 seconds and was killed\n");
+}
+
+TEST_F(Network, OpenSwitchToolReapedByOthers)
+{
+    const std::string host = "=== /sys/module/openvswitch_mod/\n=== /sys/class/net/br0 -> ../../b\n"
+                             "=== /sys/b/bridge/\n=== /usr/bin/ovs-vsctl\n";
+    const auto kept = signal(SIGCHLD, SIG_IGN);
+    for (const auto &[script, result] :
+         {std::pair{"echo eth0", 0}, {"sleep 0.1", 0}, {"sleep 1 &", -1}}) {
+        load(host + script);
+        EXPECT_EQ(bridge_config(0), result) << script;
+    }
+    signal(SIGCHLD, kept);
 }
 
 TEST_F(Network, NothingIsClosedAfterAFailedAppend)

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <optional>
 #include <poll.h>
 #include <sys/wait.h>
 
@@ -81,45 +82,78 @@ int64_t now_ms()
     _exit(127);
 }
 
-/** Reads once what comes before the deadline. Returns false when nothing does, not even the end. */
-bool read_before(int64_t deadline, int fd, char *text, size_t size)
+/** The tool's process; without a status, others have reaped it. */
+struct tool_t {
+    pid_t child;
+    bool ended = false;
+    std::optional<int> status = std::nullopt;
+};
+
+/** Reaps the tool, or finds it reaped. */
+bool has_ended(tool_t *tool)
 {
-    struct pollfd output = {fd, POLLIN, 0};
-    int ready;
-    do {
-        const int64_t left = std::max(deadline - now_ms(), int64_t{0});
-        ready = poll(&output, 1, static_cast<int>(left));
-    } while (ready < 0 && errno == EINTR);
-    ssize_t length = 0;
-    if (ready > 0) {
-        do {
-            length = read(fd, text, size - 1);
-        } while (length < 0 && errno == EINTR);
-    }
-    text[std::max(length, ssize_t{0})] = '\0';
-    return ready != 0;
+    int status = 0;
+    const pid_t reaped = tool->ended ? 0 : waitpid(tool->child, &status, WNOHANG);
+    if (reaped == tool->child)
+        tool->status = status;
+    tool->ended = tool->ended || reaped == tool->child || (reaped < 0 && errno != EINTR);
+    return tool->ended;
 }
 
-/**
- * Reaps the child if it ends before the deadline. Returns whether it is gone: a host process that
- * has its children reaped by others leaves no status, and `status` stays as it is.
- */
-bool reap_before(int64_t deadline, pid_t child, int *status)
+/** Waits for the tool's end. Returns whether it came before the deadline. */
+bool ends_before(int64_t deadline, tool_t *tool)
 {
     constexpr struct timespec pause = {0, 1000000};
-    for (;;) {
-        const pid_t reaped = waitpid(child, status, WNOHANG);
-        if (reaped == child || (reaped < 0 && errno != EINTR))
-            return true;
+    while (!has_ended(tool)) {
         if (now_ms() >= deadline)
             return false;
         nanosleep(&pause, nullptr);
     }
+    return true;
+}
+
+enum output_state {
+    OUTPUT_READ,
+    OUTPUT_FAILED,
+    OUTPUT_LATE,
+    OUTPUT_HELD // the tool ended without any, and another process keeps it open
+};
+
+/** Reads the tool's output once, the text or its end, whichever comes first. */
+output_state read_output(int64_t deadline, int fd, tool_t *tool, char *text, size_t size)
+{
+    constexpr int64_t slice_ms = 20;
+    text[0] = '\0';
+    struct pollfd output = {fd, POLLIN, 0};
+    // What the tool had to say is in the pipe when it has ended: then one more look is enough.
+    for (bool last = false;; last = has_ended(tool)) {
+        const int64_t left = std::max(deadline - now_ms(), int64_t{0});
+        const int ready = poll(&output, 1, last ? 0 : static_cast<int>(std::min(left, slice_ms)));
+        if (ready > 0)
+            break;
+        if (ready < 0 && errno != EINTR)
+            return OUTPUT_FAILED;
+        if (ready == 0 && last)
+            return OUTPUT_HELD;
+        if (left == 0)
+            return OUTPUT_LATE;
+    }
+    ssize_t length;
+    do {
+        length = read(fd, text, size - 1);
+    } while (length < 0 && errno == EINTR);
+    text[std::max(length, ssize_t{0})] = '\0';
+    return length < 0 ? OUTPUT_FAILED : OUTPUT_READ;
 }
 
 } // namespace
 
-int list_switch_ports(const char *bridge, char *text, size_t size)
+int64_t switch_tool_deadline()
+{
+    return now_ms() + tool_seconds * 1000;
+}
+
+int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -130,24 +164,26 @@ int list_switch_ports(const char *bridge, char *text, size_t size)
     }
     unique_fd reading{ends[0]};
     unique_fd writing{ends[1]};
-    const pid_t child = fork();
-    if (child < 0) {
+    tool_t tool = {fork()};
+    if (tool.child < 0) {
         const int error = errno;
         error_print("? %s: can not fork, errno %d (%s)\n", switch_reporter, error, strerror(error));
         return error;
     }
-    if (child == 0)
+    if (tool.child == 0)
         run_switch_tool(writing.fd, bridge);
     writing.reset();
-    const int64_t deadline = now_ms() + tool_seconds * 1000;
-    const bool answered = read_before(deadline, reading.fd, text, size);
+    const output_state output = read_output(deadline, reading.fd, &tool, text, size);
     reading.reset();
-    // Without a status, the text is what tells a tool that worked.
-    int status = text[0] ? 0 : -1;
-    if (reap_before(answered ? deadline : now_ms(), child, &status))
-        return status == 0 ? 0 : -1;
-    kill(child, SIGKILL);
-    reap_before(now_ms() + 1000, child, &status); // only the kernel can hold it up now
+    if (output == OUTPUT_HELD)
+        error_print("? %s: %s ended, but another process keeps its output open\n", switch_reporter,
+                    switch_tool);
+    if (ends_before(output == OUTPUT_LATE ? now_ms() : deadline, &tool)) {
+        const bool worked = tool.status ? *tool.status == 0 : output == OUTPUT_READ;
+        return worked ? 0 : -1;
+    }
+    kill(tool.child, SIGKILL);
+    ends_before(now_ms() + 1000, &tool); // only the kernel can hold it up now
     error_print("? %s: %s did not end within %ld seconds and was killed\n", switch_reporter,
                 switch_tool, tool_seconds);
     return -1;
@@ -157,7 +193,7 @@ namespace
 {
 
 /** Writes a bridge of Open vSwitch. */
-int show_opensw_ifs(int indent, const char *name)
+int show_opensw_ifs(int indent, const char *name, int64_t deadline)
 {
     if (!name || indent < 0)
         return error_invalid_arguments(__func__);
@@ -165,7 +201,7 @@ int show_opensw_ifs(int indent, const char *name)
     if (status != 0)
         return status;
     char text[1024 + 1];
-    status = list_switch_ports(name, text, sizeof text);
+    status = list_switch_ports(name, deadline, text, sizeof text);
     if (status != 0) {
         conn_close_early("Interfaces", indent + 2, status);
         return conn_close_early("Device", indent, status);
@@ -188,12 +224,13 @@ int bridge_config(int indent)
     if (!interfaces)
         return error_unable_to_open(__func__, net_class, errno);
     conn_send_XML_tag("Bridges", indent, 1);
+    const int64_t deadline = switch_tool_deadline();
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {
         if (!path_exists(path_t<128>("%s/%s/bridge", net_class, name).text))
             continue;
         const bool open_switch = path_exists("/sys/module/openvswitch_mod");
-        const int status =
-            open_switch ? show_opensw_ifs(indent + 2, name) : show_bridge_ifs(indent + 2, name);
+        const int status = open_switch ? show_opensw_ifs(indent + 2, name, deadline)
+                                       : show_bridge_ifs(indent + 2, name);
         if (status != 0)
             return conn_close_early("Bridges", indent, status);
     }

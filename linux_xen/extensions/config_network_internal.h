@@ -84,11 +84,17 @@ int show_dev_ethtool_info(int indent, const char *devName);
 /** Writes the WOL element of a device, what wakes it up. */
 void show_dev_ethtool_wol(int indent, const char *devName);
 
+/** When a switch's tool that is started now for all bridges is to be through with them, in
+ * milliseconds of the monotonic clock: in 5 seconds. */
+int64_t switch_tool_deadline();
+
 /**
- * Has the switch's tool list a bridge's ports into `text`, as much of it as one read gives.
- * Returns 0, the errno of a failed pipe or fork, or -1 when the tool failed or never ended.
+ * Has the switch's tool list a bridge's ports into `text`, a buffer of `size` bytes, as much of it
+ * as one read gives. Returns 0, the errno of a failed pipe or fork, or -1 when the tool failed or
+ * had not ended by the deadline. Where the host process leaves no status of the tool, because its
+ * children are reaped by others, a text or the end of the output tells a tool that worked.
  */
-int list_switch_ports(const char *bridge, char *text, size_t size);
+int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size);
 
 /** How a sysfs attribute is read and reported. */
 struct attribute_kind_t {
