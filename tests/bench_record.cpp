@@ -4,6 +4,8 @@
 
 #include "agent_common.h"
 
+using namespace zorvik;
+
 static void append(benchmark::State &state)
 {
     const std::string line(70, 'x');

@@ -8,6 +8,8 @@
 #include "agent_handles.h"
 #include "simhost/simhost.h"
 
+using namespace zorvik;
+
 class HostTest : public testing::Test
 {
 protected:

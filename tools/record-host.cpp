@@ -14,6 +14,8 @@
 
 #include "agent_handles.h"
 
+using namespace zorvik;
+
 bool masking = false;
 
 namespace

@@ -18,6 +18,8 @@
 #include "config_ipmi_internal.h"
 #include "config_network_internal.h"
 
+using namespace zorvik;
+
 namespace
 {
 
@@ -224,7 +226,8 @@ void record_switch()
         if (!path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
             continue;
         char ports[1024 + 1] = "";
-        const int status = list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
+        const int status =
+            list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
         ports[strcspn(ports, "'")] = '\0'; // the shell's quote stands in no name
         printf("%s) printf %%s '%s'; exit %d;;\n", name.c_str(), ports, status ? 1 : 0);
     }

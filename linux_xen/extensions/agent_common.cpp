@@ -9,6 +9,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 conn_t the_connection = {nullptr, nullptr};
 int global_debug_state = 0;
 
@@ -291,3 +294,5 @@ int next_message_id()
 {
     return unique_msg_id++;
 }
+
+} // namespace zorvik

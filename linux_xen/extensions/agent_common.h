@@ -16,6 +16,9 @@
 
 #define PRINTF_FORMAT(text, arguments) __attribute__((format(printf, text, arguments)))
 
+namespace zorvik
+{
+
 /** The answer of the current call; null stands for a text never written. Both texts are heap
  * strings. */
 typedef struct conn_s {
@@ -195,3 +198,5 @@ enum entry_kinds : unsigned int {
  * Valid until the next call; null at the end.
  */
 const char *next_entry(DIR *directory, unsigned int kinds);
+
+} // namespace zorvik

@@ -7,6 +7,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 bool path_exists(const char *path)
 {
     struct stat status;
@@ -198,3 +201,5 @@ char *flag_string(unsigned int flags, const flag_table_t *ftable)
     }
     return strdup(text);
 }
+
+} // namespace zorvik

@@ -8,6 +8,9 @@
 #include "agent_hypervisor.h"
 #include "config_ipmi.h"
 
+namespace zorvik
+{
+
 topology_t derive_topology(uint32_t threads_per_core, uint32_t cores_per_socket, uint32_t nr_nodes,
                            uint32_t nr_cpus)
 {
@@ -94,3 +97,5 @@ int agent_discover_hardware(conn_t *)
     send_discover();
     return 0;
 }
+
+} // namespace zorvik

@@ -5,6 +5,9 @@
 
 #include "agent_common.h"
 
+namespace zorvik
+{
+
 /** Writes the hardware document, as far as the hypervisor lets it. Returns 0. */
 int agent_discover_hardware(conn_t *conn);
 
@@ -20,3 +23,5 @@ int agent_unique_id(conn_t *conn);
  * `indent` blanks deep, without a root. Returns 0; failures show in the log text.
  */
 int agent_discover_network(int indent);
+
+} // namespace zorvik

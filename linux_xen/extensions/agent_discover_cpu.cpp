@@ -7,6 +7,9 @@
 #include "agent_discover_internal.h"
 #include "agent_hypervisor.h"
 
+namespace zorvik
+{
+
 bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id)
 {
     // The hypervisor gives no domain more; it says ~0 of one that has none at all.
@@ -134,3 +137,5 @@ void config_send_cpuinfo(int indent)
     show_proc_cpuinfo(indent + 2);
     conn_send_XML_tag("CPUInfo", indent, 0);
 }
+
+} // namespace zorvik

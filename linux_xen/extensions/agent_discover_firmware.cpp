@@ -9,6 +9,9 @@
 #include "agent_common.h"
 #include "agent_discover_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -289,3 +292,5 @@ char *get_dmi_string(const dmi_structure_t &structure, int num)
         string, terminator, [](char character) { return !is_printable(character); }, '.');
     return string;
 }
+
+} // namespace zorvik

@@ -12,6 +12,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 /** The DMI entry point: part of the SMBIOS one, or alone (legacy). */
 typedef struct __attribute__((packed)) dmi_entry_point_s {
     char anchor_string[5];
@@ -253,3 +256,5 @@ int show_smbios_info(int indent, int dumpDMTF);
  * behind `indent` blanks. Returns 0, EINVAL or ENOMEM.
  */
 int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **retString);
+
+} // namespace zorvik

@@ -6,6 +6,9 @@
 #include "agent_common.h"
 #include "agent_discover_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -255,3 +258,5 @@ int show_smbios_info(int indent, int dumpDMTF)
     conn_send_XML_tag("DMTF", indent, 0);
     return 0;
 }
+
+} // namespace zorvik

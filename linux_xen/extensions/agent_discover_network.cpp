@@ -3,6 +3,9 @@
 #include "agent_discover.h"
 #include "config_network.h"
 
+namespace zorvik
+{
+
 int agent_discover_network(int indent)
 {
     if (get_debug_state() >= 1)
@@ -16,3 +19,5 @@ int agent_discover_network(int indent)
     infiniband_config(indent);
     return 0;
 }
+
+} // namespace zorvik

@@ -6,6 +6,9 @@
 #include "agent_discover_internal.h"
 #include "config_network.h"
 
+namespace zorvik
+{
+
 int is_valid_uuid(const uint8_t *uuid, int uuid_len)
 {
     if (uuid_len <= 0)
@@ -108,3 +111,5 @@ int agent_unique_id(conn_t *)
         debug_print("%% %s: %sunique system ID: %s\n", __func__, source, text.get());
     return conn_send2(text.get(), static_cast<int>(strlen(text.get()))) == 0 ? 0 : 1;
 }
+
+} // namespace zorvik

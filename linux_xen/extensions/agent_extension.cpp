@@ -11,6 +11,9 @@
 #include "agent_handles.h"
 #include "agent_status.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -120,3 +123,5 @@ MODULE_EXPORT void initZorvikDiscoverExtension()
 }
 
 #endif
+
+} // namespace zorvik

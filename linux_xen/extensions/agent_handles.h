@@ -9,6 +9,9 @@
 #include <memory>
 #include <unistd.h>
 
+namespace zorvik
+{
+
 struct free_heap {
     void operator()(void *block) const { free(block); }
 };
@@ -42,3 +45,5 @@ struct unique_fd {
         fd = -1;
     }
 };
+
+} // namespace zorvik

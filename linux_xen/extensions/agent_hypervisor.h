@@ -21,6 +21,9 @@ int xc_sedf_domain_get(xc_interface *xch, uint32_t domid, uint64_t *period, uint
     __attribute__((weak));
 }
 
+namespace zorvik
+{
+
 struct close_hypervisor {
     void operator()(xc_interface *handle) const { xc_interface_close(handle); }
 };
@@ -49,3 +52,5 @@ template <typename Report> void for_each_domain(xc_interface *handle, Report rep
         report(info);
     }
 }
+
+} // namespace zorvik

@@ -7,6 +7,9 @@
 #include "config_network.h"
 #include "config_scsi.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -169,3 +172,5 @@ int agent_status(conn_t *conn, const char *cmdstring)
     conn_close(conn);
     return status;
 }
+
+} // namespace zorvik

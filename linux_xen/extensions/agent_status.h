@@ -5,6 +5,9 @@
 
 #include "agent_common.h"
 
+namespace zorvik
+{
+
 /** The sections of the document, one bit each. */
 typedef enum sts_flags_s {
     STS_FLAG_PROCS = 1,
@@ -57,3 +60,5 @@ int send_memory_info(int indent);
 
 /** MiB that a new virtual machine can get when `freeMB` MiB are free. */
 long available_memory(long freeMB);
+
+} // namespace zorvik

@@ -8,6 +8,9 @@
 
 #include "agent_hypervisor.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -178,3 +181,5 @@ int send_scheduler(int indent)
     });
     return conn_send_XML_tag("Scheduler", indent, 0);
 }
+
+} // namespace zorvik

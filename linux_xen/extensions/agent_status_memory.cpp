@@ -6,6 +6,9 @@
 
 #include "config_memory.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -103,3 +106,5 @@ int send_memory_info(int indent)
         return status;
     return conn_send_XML_tag("Memory", indent, 0);
 }
+
+} // namespace zorvik

@@ -11,6 +11,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -358,3 +361,5 @@ int send_ps_info(int indent)
     flush();
     return conn_send_XML_tag("Processes", indent, 0);
 }
+
+} // namespace zorvik

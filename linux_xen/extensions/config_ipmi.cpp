@@ -13,6 +13,9 @@
 #include "agent_common.h"
 #include "config_ipmi_internal.h"
 
+namespace zorvik
+{
+
 static_assert(sizeof(struct ipmi_system_interface_addr) == 8 && sizeof(struct ipmi_msg) == 16);
 static_assert(sizeof(struct ipmi_req) == 40 && sizeof(struct ipmi_recv) == 48);
 
@@ -295,3 +298,5 @@ int config_show_ipmi(int indent)
     conn_send_format(512, "%-*s</IPMI>\n", indent, "");
     return 0;
 }
+
+} // namespace zorvik

@@ -10,6 +10,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 struct free_ipmi_reply {
     void operator()(struct ipmi_msg *reply) const
     {
@@ -37,3 +40,5 @@ enum reply_state { REPLY_USABLE, REPLY_MISSING, REPLY_EMPTY, REPLY_REFUSED };
 
 /** Whether a reply, null when there is none, can be used, or what is wrong with it. */
 reply_state judge_reply(const struct ipmi_msg *reply);
+
+} // namespace zorvik

@@ -7,6 +7,9 @@
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -114,3 +117,5 @@ int read_xenballoon_instantaneous(struct xenballoon_contents *contents)
         return error_invalid_arguments(__func__);
     return read_contents<4097>("/proc/xen/balloon", parse_balloon, contents);
 }
+
+} // namespace zorvik

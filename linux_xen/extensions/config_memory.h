@@ -6,6 +6,9 @@
 
 #include "agent_common.h"
 
+namespace zorvik
+{
+
 struct hypervisor_meminfo_contents {
     unsigned long hmi_MemTotal_inKB;
     unsigned long hmi_MemFree_inKB;
@@ -59,3 +62,5 @@ MODULE_EXPORT int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *co
 /** Reads /proc/xen/balloon, with or without its hard limit. Returns 0, EINVAL for another layout,
  * or an errno. */
 MODULE_EXPORT int read_xenballoon_instantaneous(struct xenballoon_contents *contents);
+
+} // namespace zorvik

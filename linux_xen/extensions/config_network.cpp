@@ -6,6 +6,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 char OrigIpString[64] = "";
 char OrigMaskString[64] = "";
 
@@ -205,3 +208,5 @@ int config_show_network(int indent)
     conn_send_XML_tag("Network", indent, 0);
     return 0;
 }
+
+} // namespace zorvik

@@ -9,6 +9,9 @@
 
 #include "agent_common.h"
 
+namespace zorvik
+{
+
 /** One network device. Every text is a heap string; an address that is not known is null. */
 typedef struct eth_device_s {
     TAILQ_ENTRY(eth_device_s) eth_entry;
@@ -104,3 +107,5 @@ struct device_list_t {
         return unique_device{first};
     }
 };
+
+} // namespace zorvik

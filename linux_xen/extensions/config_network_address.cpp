@@ -4,6 +4,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -54,3 +57,5 @@ int show_addr_info(int indent, const char *name, int mtu)
     conn_send_XML_tag("Family", indent, 0);
     return 0;
 }
+
+} // namespace zorvik

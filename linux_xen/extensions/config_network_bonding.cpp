@@ -4,6 +4,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -204,3 +207,5 @@ int bond_config(int indent)
     }
     return conn_send_XML_tag("Bonding", indent, 0);
 }
+
+} // namespace zorvik

@@ -10,6 +10,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -236,3 +239,5 @@ int bridge_config(int indent)
     }
     return conn_send_XML_tag("Bridges", indent, 0);
 }
+
+} // namespace zorvik

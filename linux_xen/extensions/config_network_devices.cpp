@@ -8,6 +8,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -267,3 +270,5 @@ int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
     snprintf(mac, static_cast<size_t>(mac_size), "%s", line);
     return 1;
 }
+
+} // namespace zorvik

@@ -3,6 +3,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -102,3 +105,5 @@ int infiniband_config(int indent)
     conn_send_XML_tag("Infiniband", indent, 0);
     return 0;
 }
+
+} // namespace zorvik

@@ -8,6 +8,9 @@
 #include "agent_handles.h"
 #include "config_network.h"
 
+namespace zorvik
+{
+
 /** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
 
@@ -119,3 +122,5 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
  * Returns 0, EINVAL, the errno of statistics that cannot be opened, or the error of an append.
  */
 int show_dev_stats(int indent, const char *name, int onlyMinimum);
+
+} // namespace zorvik

@@ -8,6 +8,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -394,3 +397,5 @@ void show_dev_ethtool_wol(int indent, const char *devName)
     if (status == 0)
         conn_send_XML_tag("WOL", indent, 0);
 }
+
+} // namespace zorvik

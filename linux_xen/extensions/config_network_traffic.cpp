@@ -5,6 +5,9 @@
 
 #include "config_network_internal.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -87,3 +90,5 @@ int show_dev_stats(int indent, const char *name, int)
             break;
     return conn_send_format(256, "%-*s</Statistics>\n%-*s</Device>\n", indent + 2, "", indent, "");
 }
+
+} // namespace zorvik

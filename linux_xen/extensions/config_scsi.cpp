@@ -7,6 +7,9 @@
 
 #include "agent_handles.h"
 
+namespace zorvik
+{
+
 namespace
 {
 
@@ -144,3 +147,5 @@ int scsi_status(int indent)
                 return status;
     return conn_send_XML_tag("SCSI", indent, 0);
 }
+
+} // namespace zorvik
