@@ -21,6 +21,11 @@ CALLS = (module.discover_hardware, lambda: module.discover_network(0), module.un
 
 SHARED = {"00:00:00:00:00:00", "127.0.0.1", " " * 8}  # what identifies no host
 
+# A name with a parenthesis and a blank in it, and no address left.
+MASKED_STAT = ("(b) h) S 1322 1410 1410 34816 1577 4202496 1891 23012 0 3 6 11 45 102 20 0 1 0 803112 "
+               "67706880 391 18446744073709551615 0 0 0 0 0 0 65536 3686404 1266761467 0 0 0 17 2 "
+               "0 0 0 0 0 0 0 0 0 0 0 0 0\n")
+
 
 def documents(path):
     test_module.simhost.simhost_load(path.encode())
@@ -56,6 +61,25 @@ class RecordHostTest(unittest.TestCase):
         equal = [[macs.index(mac) for mac in macs] for macs in
                  (re.findall("<MAC>(.*?)<", told[1][1].upper()) for told in (original, masked))]
         self.assertEqual(*equal)
+
+    def test_masks_of_names_and_processes(self):
+        for host, mac in ("rack-server", "00:00:5e:00:53:10"), ("net-switch", "00:00:5e:00:53:02"):
+            name = "enx" + mac.replace(":", "")
+            with self.subTest(host), tempfile.TemporaryDirectory() as folder:
+                with open(os.path.join(test_module.HOSTS, host, "host")) as recorded:
+                    text = recorded.read().replace("eth0", name).replace("(bash)", "(b) h)")
+                with open(os.path.join(folder, "host"), "w") as renamed:
+                    renamed.write(text)
+                original, masked, recording = self.record(folder, "--mask")
+                self.assertFalse(name[3:] in recording.replace(":", ""))
+                stand_in, mac = re.search('"(enxda.*?)"(?s:.*?)<MAC>(.*?)<', masked[1][1]).groups()
+                self.assertEqual(stand_in, "enx" + mac.lower().replace(":", ""))
+                for call in range(len(CALLS)):
+                    self.assertEqual(masked[call][1].count(stand_in), original[call][1].count(name))
+                aliases = [re.findall("/ifalias\n(?!===)(.*)", told) for told in (text, recording)]
+                self.assertEqual(aliases[1], ["X" * len(alias) for alias in aliases[0]])
+                if host == "rack-server":
+                    self.assertIn(MASKED_STAT, recording)
 
 
 if __name__ == "__main__":

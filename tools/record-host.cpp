@@ -1,4 +1,4 @@
-// Records what the module reads of this host: options, masks and the files below /proc and /sys.
+// Records what the module reads of this host: options and the files below /proc and /sys.
 #include "record_host.h"
 
 #include <algorithm>
@@ -7,16 +7,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fnmatch.h>
-#include <map>
-#include <regex.h>
 #include <set>
 #include <sys/stat.h>
 
 #include "agent_handles.h"
 
 using namespace zorvik;
-
-bool masking = false;
 
 namespace
 {
@@ -26,9 +22,9 @@ constexpr char help[] =
     "Writes a recording of this host: all that the discovery module reads of it, as text. Needs\n"
     "root for the firmware, the management controller and the hypervisor; what cannot be read is\n"
     "told on standard error.\n\n"
-    "  --mask   put stand-ins for serial numbers, UUIDs, hardware and IPv4 addresses; the names "
-    "of\n"
-    "           processes and interfaces stay\n"
+    "  --mask   put stand-ins for serial numbers, UUIDs, hardware and IPv4 addresses, also for a\n"
+    "           hardware address in an interface's name, for the text of ifalias and for the code\n"
+    "           and stack addresses of processes; other names stay\n"
     "  -o FILE  write to FILE rather than to standard output\n\n"
     "Example: record a server, then see elsewhere what the module tells of it:\n"
     "  sudo build/record-host --mask -o /tmp/server\n"
@@ -66,14 +62,13 @@ void record_file(const std::string &path)
     if (const int error = errno; length < 0) {
         if (error == EACCES || error == EPERM)
             perror(path.c_str());
-        printf("=== %s %s=%s\n", path.c_str(), file ? "read" : "open", error_name(error));
+        printf("=== %s %s=%s\n", mask_name(path).c_str(), file ? "read" : "open",
+               error_name(error));
         return;
     }
-    if (masking && path.find("/phys_") != std::string::npos) // an address without its colons
-        std::replace_if(content.begin(), content.end(), isxdigit, '0');
     const bool cut = !content.empty() && content.back() != '\n';
-    content = mask_text(content) + (cut ? "\n" : "");
-    printf("=== %s%s\n", path.c_str(), cut ? " noeol" : "");
+    content = mask_file(path, content) + (cut ? "\n" : "");
+    printf("=== %s%s\n", mask_name(path).c_str(), cut ? " noeol" : "");
     fwrite(content.data(), 1, content.size(), stdout);
 }
 
@@ -92,7 +87,8 @@ void record_tree(const std::string &path, const std::string &rest)
         record_file(path);
     else if (const ssize_t length = readlink(path.c_str(), target, sizeof target);
              first && length >= 0)
-        printf("=== %s -> %.*s\n", path.c_str(), static_cast<int>(length), target);
+        printf("=== %s -> %s\n", mask_name(path).c_str(),
+               mask_name(std::string(target, static_cast<size_t>(length))).c_str());
     if ((!rest.empty() && stat(path.c_str(), &status) != 0) || !S_ISDIR(status.st_mode))
         return;
     const size_t end = std::min(rest.find('/', 1), rest.size());
@@ -100,60 +96,10 @@ void record_tree(const std::string &path, const std::string &rest)
         for (const std::string &name : list_directory(path, rest.substr(1, end - 1)))
             record_tree(std::string(path).append("/").append(name), rest.substr(end));
     if (populated.insert(path).second)
-        printf("=== %s/\n", path.c_str());
-}
-
-/** The stand-in of an address or identifier; one that many hosts share stays. */
-std::string stand_in(std::string value)
-{
-    static std::map<std::string, size_t> numbers;
-    std::string key = value;
-    const bool dotted = key.find('.') != std::string::npos;
-    if (!dotted)
-        std::erase(key, ':');
-    std::transform(key.begin(), key.end(), key.begin(), tolower);
-    const auto begins = [&](const char *start) { return has_prefix(key.c_str(), start); };
-    if (key.find_first_not_of(key[0]) == std::string::npos || begins("0.") || begins("127.") ||
-        begins("255."))
-        return value;
-    const size_t number = numbers.try_emplace(key, numbers.size() + 1).first->second;
-    if (dotted)
-        return format("198.18.%zu.%zu", number / 256 % 256, number % 256);
-    // Locally administered, and for a UUID no pattern that counts as none.
-    const std::string digits = format("da%0*zx", static_cast<int>(key.size()) - 2, number);
-    size_t at = 0;
-    for (char &digit : value)
-        if (digit != ':')
-            digit = digits[at++];
-    return value;
+        printf("=== %s/\n", mask_name(path).c_str());
 }
 
 } // namespace
-
-std::string mask_text(const std::string &text)
-{
-    static const regex_t addresses = [] {
-        regex_t compiled;
-        regcomp(&compiled,
-                "\\b(([0-9]{1,3}\\.){3}[0-9]{1,3}|([0-9a-f]{4}:){7}[0-9a-f]{4}|"
-                "([0-9a-f]{2}:){3,}[0-9a-f]{2})\\b",
-                REG_EXTENDED | REG_ICASE);
-        return compiled;
-    }();
-    if (!masking)
-        return text;
-    std::string masked;
-    const char *start = text.c_str();
-    const auto size = static_cast<regoff_t>(text.size());
-    regoff_t at = 0;
-    for (regmatch_t match = {0, size}; regexec(&addresses, start, 1, &match, REG_STARTEND) == 0;
-         match = {at, size}) {
-        masked.append(start + at, start + match.rm_so);
-        masked += stand_in(std::string(start + match.rm_so, start + match.rm_eo));
-        at = match.rm_eo;
-    }
-    return masked.append(text, static_cast<size_t>(at));
-}
 
 std::string format(const char *text, ...)
 {

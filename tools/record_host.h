@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,15 @@ extern bool masking;
 
 /** The text with a stand-in for every hardware and IPv4 address, if that is wanted. */
 std::string mask_text(const std::string &text);
+
+/** The same for the digits of a hardware address in a name or path: "enx02005e005310". */
+std::string mask_name(const std::string &name);
+
+/** The same for the content of the file at a path, with what else it tells of its host. */
+std::string mask_file(const std::string &path, std::string content);
+
+/** The network interfaces that sysfs or the kernel's table has. */
+const std::set<std::string> &interface_names();
 
 /** A text built from a printf format, cut at 255 characters. */
 std::string format(const char *text, ...) PRINTF_FORMAT(1, 2);

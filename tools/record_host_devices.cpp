@@ -9,7 +9,6 @@
 #include <linux/ethtool.h>
 #include <linux/mii.h>
 #include <linux/sockios.h>
-#include <set>
 #include <sys/ioctl.h>
 #include <uuid/uuid.h>
 
@@ -192,18 +191,26 @@ void record_domain(xc_interface *handle, xc_dominfo_t info)
 
 } // namespace
 
+const std::set<std::string> &interface_names()
+{
+    static const std::set<std::string> names = [] {
+        const std::vector<std::string> listed = list_directory(net_class, "*");
+        std::set<std::string> found{listed.begin(), listed.end()};
+        const unique_stream table{fopen("/proc/net/dev", "re")};
+        char line[256];
+        while (table && fgets(line, sizeof line, table.get()))
+            if (char *colon = strchr(line, ':'))
+                found.insert(std::string(line + strspn(line, " "), colon));
+        return found;
+    }();
+    return names;
+}
+
 void record_interfaces()
 {
     const unique_fd queries{open_query_socket()};
-    const unique_stream table{fopen("/proc/net/dev", "re")};
-    std::vector<std::string> listed = list_directory(net_class, "*");
-    std::set<std::string> names{listed.begin(), listed.end()};
-    char line[256];
-    while (table && fgets(line, sizeof line, table.get()))
-        if (char *colon = strchr(line, ':'))
-            names.insert(std::string(line + strspn(line, " "), colon));
-    for (const std::string &name : names) {
-        printf("=== [interface %s]\n", name.c_str());
+    for (const std::string &name : interface_names()) {
+        printf("=== [interface %s]\n", mask_name(name).c_str());
         for (const question_t &question : questions) {
             exchange_t exchange = {queries.fd, interface_request(name.c_str()), {}};
             exchange.ethtool.command = question.command;
@@ -229,7 +236,8 @@ void record_switch()
         const int status =
             list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
         ports[strcspn(ports, "'")] = '\0'; // the shell's quote stands in no name
-        printf("%s) printf %%s '%s'; exit %d;;\n", name.c_str(), ports, status ? 1 : 0);
+        printf("%s) printf %%s '%s'; exit %d;;\n", mask_name(name).c_str(),
+               mask_name(ports).c_str(), status ? 1 : 0);
     }
     printf("*) exit 1;;\nesac\n");
 }
