@@ -81,6 +81,16 @@ class RecordHostTest(unittest.TestCase):
                 if host == "rack-server":
                     self.assertIn(MASKED_STAT, recording)
 
+    def test_options(self):
+        for options, status, stream, words in (
+                (("-h",), 0, "stdout", "Usage: "), (("-x",), 2, "stderr", "Usage: "),
+                (("-o", "/dev/full"), 1, "stderr", "/dev/full: No space left on device\n"),
+                (("-o", "/no/file"), 1, "stderr", "/no/file: No such file or directory\n")):
+            ended = subprocess.run((os.environ["RECORD_HOST"],) + options, capture_output=True,
+                                   text=True)
+            self.assertEqual(ended.returncode, status, options)
+            self.assertIn(words, getattr(ended, stream), options)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -135,17 +135,27 @@ std::vector<std::string> list_directory(const std::string &path, const std::stri
 
 int main(int count, char **words)
 {
+    const char *to = "standard output";
     for (int at = 1; at < count; at++) {
         const std::string word = words[at];
         if (word == "--mask") {
             masking = true;
         } else if (word != "-o" || at + 1 == count) {
-            fputs(help, word == "--help" ? stdout : stderr);
-            return word == "--help" ? 0 : 2;
-        } else if (!freopen(words[++at], "we", stdout)) {
-            perror(words[at]);
+            const bool asked = word == "--help" || word == "-h";
+            fputs(help, asked ? stdout : stderr);
+            return asked ? 0 : 2;
+        } else if (to = words[++at]; !freopen(to, "we", stdout)) {
+            perror(to);
             return 1;
         }
+    }
+    // Written at once in the end, so that a failure to write is told by its own errno.
+    FILE *const output = stdout;
+    char *text = nullptr;
+    size_t size = 0;
+    if (!(stdout = open_memstream(&text, &size))) {
+        perror("record-host");
+        return 1;
     }
     printf("=== # Written by record-host%s.\n=== [time]\nnow %ld\n", masking ? " --mask" : "",
            static_cast<long>(time(nullptr)));
@@ -159,8 +169,9 @@ int main(int count, char **words)
     if (const char *log = conn_get()->logmsg)
         fputs(log, stderr);
     conn_free(conn_get());
-    const bool failed = ferror(stdout) || fclose(stdout) != 0;
-    if (failed)
-        perror("record-host");
-    return failed ? 1 : 0;
+    if (fclose(stdout) != 0 || fwrite(text, 1, size, output) != size || fclose(output) != 0) {
+        perror(to);
+        return 1;
+    }
+    return 0;
 }
