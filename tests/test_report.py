@@ -1,0 +1,66 @@
+"""tools/zorvik-report as a person calls it, copied to where it finds the build of RECORD_HOST."""
+import fcntl
+import os
+import select
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+
+TESTS = os.path.dirname(os.path.abspath(__file__))
+BUILD = os.path.dirname(os.environ["RECORD_HOST"])
+RACK, CUT = (["--host", os.path.join(TESTS, "hosts", host)] for host in ("rack-server", "no-hypervisor"))
+INCOMPLETE = "the document is not complete"
+
+# Arguments, exit status, what is on standard output and on standard error, and what is on neither.
+CALLS = (
+    (RACK + ["status", "Option: Memory"], 0, "<Memory>", "", "<CPUTime>"),
+    (["status", "memory", "cpu"] + RACK, 0, "<CPUTime>\n    <Rate>100</Rate>", "", "<Scheduler"),
+    (["status", "nonsense"] + RACK, 22, "options are: All CPU Memory", "", INCOMPLETE),
+    (["status", "CPU; Memory"] + RACK, 22, "Unknown command 'CPU; Memory'", "", INCOMPLETE),
+    (["network", "3"] + RACK, 0, "   <Network>", "", INCOMPLETE),
+    (["hardware"] + CUT, 0, "<Discover_Hardware_Result>", INCOMPLETE, "Traceback"),
+    (["unique-id", "--debug", "9"], 2, "", "invalid choice: 9", "Traceback"),
+    (["--debug", "1", "status", "x"] + RACK, 22, "% agent_status: Unknown", "", "Traceback"),
+    (["unique-id", "--host", __file__], 2, "", "is no recorded host", "Traceback"),
+    (["hardware", "--debug", "1", "-o", "/dev/full"] + RACK, 1, "agent_discover_hardware:\n",
+     "zorvik-report: cannot write /dev/full: No space left on device\n", "<?xml"),
+    (["--help"], 0, "Dom_Info_Brief", "", "Traceback"),
+)
+
+
+class ReportTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        os.symlink(BUILD, os.path.join(folder.name, "build"))
+        self.tool = shutil.copytree(os.path.join(os.path.dirname(TESTS), "tools"),
+                                    os.path.join(folder.name, "tools")) + "/zorvik-report"
+
+    def test_calls(self):
+        for python in [[]] + [["--python2"]] * os.path.isdir(os.path.join(BUILD, "python2")):
+            for arguments, status, output, error, nowhere in CALLS:
+                with self.subTest(python + arguments):
+                    ended = subprocess.run([self.tool] + python + arguments, text=True,
+                                           capture_output=True)
+                    self.assertEqual(ended.returncode, status, ended.stderr)
+                    self.assertIn(output, ended.stdout)
+                    self.assertIn(error, ended.stderr)
+                    self.assertNotIn(nowhere, ended.stdout + ended.stderr)
+
+    def test_interrupt(self):
+        reading, writing = os.pipe()
+        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)  # the document is longer: it waits for us
+        with subprocess.Popen([self.tool, "hardware"] + RACK, stdout=writing, text=True,
+                              stderr=subprocess.PIPE) as tool:
+            os.close(writing)
+            select.select([reading], [], [])
+            tool.send_signal(signal.SIGINT)
+            self.assertEqual(tool.stderr.read(), "zorvik-report: interrupted\n")
+        self.assertEqual(tool.returncode, -signal.SIGINT)
+        os.close(reading)
+
+
+if __name__ == "__main__":
+    unittest.main()
