@@ -268,16 +268,29 @@ int error_invalid_arguments(const char *function)
     return EINVAL;
 }
 
-int error_unable_to_open(const char *function, const char *path, int error)
+namespace
 {
-    error_print("? %s: unable to open '%s', errno %d (%s)\n", function, path, error,
-                strerror(error));
-    return error;
-}
 
-int error_unable_to_open_unquoted(const char *function, const char *path, int error)
+/** The text of a message. Everything that goes into one is bounded: a path, a name, some numbers.
+ */
+struct message_t {
+    char text[1024] = ""; // printf refuses a text that is longer than it can count
+
+    message_t(const char *format, va_list arguments)
+    {
+        vsnprintf(text, sizeof text, format, arguments);
+    }
+};
+
+} // namespace
+
+int error_errno(const char *function, int error, const char *format, ...)
 {
-    error_print("? %s: unable to open %s, errno %d (%s)\n", function, path, error, strerror(error));
+    va_list arguments;
+    va_start(arguments, format);
+    const message_t message(format, arguments);
+    va_end(arguments);
+    error_print("? %s: %s, errno %d (%s)\n", function, message.text, error, strerror(error));
     return error;
 }
 
@@ -288,6 +301,28 @@ int debug_print(const char *format, ...)
     vfprintf(stdout, format, arguments);
     va_end(arguments);
     return 0;
+}
+
+void debug_at(int level, const char *format, ...)
+{
+    if (get_debug_state() < level)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    vfprintf(stdout, format, arguments);
+    va_end(arguments);
+}
+
+int debug_errno(int level, const char *function, int error, const char *format, ...)
+{
+    if (get_debug_state() < level)
+        return error;
+    va_list arguments;
+    va_start(arguments, format);
+    const message_t message(format, arguments);
+    va_end(arguments);
+    debug_print("%% %s: %s, errno %d (%s)\n", function, message.text, error, strerror(error));
+    return error;
 }
 
 int next_message_id()

@@ -99,15 +99,24 @@ int error_print(const char *format, ...) PRINTF_FORMAT(1, 2);
 /** Logs that `function` got arguments it cannot work with. Returns EINVAL. */
 int error_invalid_arguments(const char *function);
 
-/** Logs that `function` could not open `path` because of the errno value `error`. Returns `error`.
+/**
+ * Logs "? FUNCTION: TEXT, errno NUMBER (ITS TEXT)", the formatted text cut at 1023 characters.
+ * Returns `error`, the errno value.
  */
-int error_unable_to_open(const char *function, const char *path, int error);
+int error_errno(const char *function, int error, const char *format, ...) PRINTF_FORMAT(3, 4);
 
-/** The same for the kernel's fixed files, whose names the message does not quote. */
-int error_unable_to_open_unquoted(const char *function, const char *path, int error);
-
-/** Writes a formatted message to standard output, whatever the debug level: callers test it. */
+/** Writes a formatted message to standard output, whatever the debug level. */
 int debug_print(const char *format, ...) PRINTF_FORMAT(1, 2);
+
+/** Writes a formatted message to standard output from debug level `level` on. */
+void debug_at(int level, const char *format, ...) PRINTF_FORMAT(2, 3);
+
+/**
+ * Writes "% FUNCTION: TEXT, errno NUMBER (ITS TEXT)" from debug level `level` on, the formatted
+ * text cut at 1023 characters. Returns `error`, the errno value.
+ */
+int debug_errno(int level, const char *function, int error, const char *format, ...)
+    PRINTF_FORMAT(4, 5);
 
 /** Numbers the requests to the management controller: 0, 1, 2, … for the life of the process. */
 int next_message_id();

@@ -54,16 +54,13 @@ ssize_t strlcat(char *dest, const char *source, ssize_t total)
     const size_t old = strlen(dest);
     const ssize_t room = total - static_cast<ssize_t>(old);
     if (room < 2) {
-        if (get_debug_state() >= 3)
-            debug_print("%% %s: string '%s' already full, cannot append '%s'\n", __func__, dest,
-                        source);
+        debug_at(3, "%% %s: string '%s' already full, cannot append '%s'\n", __func__, dest,
+                 source);
         return room;
     }
     size_t length = strlen(source);
     if (length > static_cast<size_t>(room) - 1) {
-        if (get_debug_state() >= 3)
-            debug_print("%% %s: string '%s' too long to fully append '%s\n", __func__, dest,
-                        source);
+        debug_at(3, "%% %s: string '%s' too long to fully append '%s\n", __func__, dest, source);
         length = static_cast<size_t>(room) - 1;
     }
     memcpy(dest + old, source, length);

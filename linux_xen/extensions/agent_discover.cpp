@@ -66,9 +66,7 @@ void send_discover()
     conn_send_XML_tag("VMM", 4, 1);
     xc_physinfo_t info = {};
     if (const int status = xc_physinfo(hypervisor.get(), &info)) {
-        const int error = errno;
-        error_print("? %s: xc_physinfo failed, sts %d, errno %d (%s)\n", __func__, status, error,
-                    strerror(error));
+        error_errno(__func__, errno, "xc_physinfo failed, sts %d", status);
         return;
     }
     send_physical_info(info);
@@ -92,8 +90,7 @@ void send_discover()
 
 int agent_discover_hardware(conn_t *)
 {
-    if (get_debug_state() >= 1)
-        debug_print("%s:\n", __func__);
+    debug_at(1, "%s:\n", __func__);
     send_discover();
     return 0;
 }

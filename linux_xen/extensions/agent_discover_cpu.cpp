@@ -112,7 +112,7 @@ void show_proc_cpuinfo(int indent)
     }
     const unique_stream table{fopen(processor_table, "re")};
     if (!table) {
-        error_unable_to_open_unquoted(__func__, processor_table, errno);
+        error_errno(__func__, errno, "unable to open %s", processor_table);
         return;
     }
     conn_send_XML_tag("Proc_Info", indent, 1);

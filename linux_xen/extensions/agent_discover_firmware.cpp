@@ -98,19 +98,12 @@ int read_devmem(int fd, void *buffer, int length, off_t offset)
 {
     if (!buffer || length < 0)
         return error_invalid_arguments(__func__);
-    if (lseek(fd, offset, SEEK_SET) < 0) {
-        const int error = errno;
-        error_print("? %s: unable to seek to BIOS data area position %lu, errno %d (%s)\n",
-                    __func__, static_cast<unsigned long>(offset), error, strerror(error));
-        return error;
-    }
+    if (lseek(fd, offset, SEEK_SET) < 0)
+        return error_errno(__func__, errno, "unable to seek to BIOS data area position %lu",
+                           static_cast<unsigned long>(offset));
     const ssize_t count = read(fd, buffer, static_cast<size_t>(length));
-    if (count < 0) {
-        const int error = errno;
-        error_print("? %s: unable to read BIOS data area, errno %d (%s)\n", __func__, error,
-                    strerror(error));
-        return error;
-    }
+    if (count < 0)
+        return error_errno(__func__, errno, "unable to read BIOS data area");
     if (count != length) {
         error_print("? %s: short data read - %d bytes of %d\n", __func__, static_cast<int>(count),
                     length);
@@ -126,20 +119,17 @@ int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found)
             return status;
         *found = offset;
         if (memcmp(smb, "_SM_", 4) == 0) {
-            if (get_debug_state() >= 2)
-                debug_print("%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
+            debug_at(2, "%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
             return read_devmem(fd, &smb->dmi, paragraph, offset + paragraph);
         }
         if (memcmp(smb, "_DMI_", 5) == 0) {
-            if (get_debug_state() >= 2)
-                debug_print("%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
+            debug_at(2, "%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
             memcpy(&smb->dmi, smb, paragraph);
             memset(smb, 0, paragraph);
             return 0;
         }
     }
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: unable to find entry points\n", reader);
+    debug_at(1, "%% %s: unable to find entry points\n", reader);
     return EINVAL;
 }
 
@@ -149,21 +139,12 @@ int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *
     if (!data || !smb)
         return error_invalid_arguments(__func__);
     const unique_fd memory{open(memory_device, O_RDONLY | O_CLOEXEC)};
-    if (!memory) {
-        const int error = errno;
-        error_print("? %s: error opening %s, errno %d (%s)\n", __func__, memory_device, error,
-                    strerror(error));
-        return error;
-    }
-    if (lseek(memory.fd, bios_area, SEEK_SET) < 0) {
-        const int error = errno;
-        error_print("? %s: unable to seek to BIOS data area, errno %d (%s)\n", __func__, error,
-                    strerror(error));
-        return error;
-    }
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: BIOS examination starting at 0x%lx, until 0x%x\n", __func__, bios_area,
-                    static_cast<unsigned int>(last_paragraph));
+    if (!memory)
+        return error_errno(__func__, errno, "error opening %s", memory_device);
+    if (lseek(memory.fd, bios_area, SEEK_SET) < 0)
+        return error_errno(__func__, errno, "unable to seek to BIOS data area");
+    debug_at(1, "%% %s: BIOS examination starting at 0x%lx, until 0x%x\n", __func__, bios_area,
+             static_cast<unsigned int>(last_paragraph));
 
     off_t offset = bios_area;
     if (const int status = find_entry_point(memory.fd, smb, &offset))
@@ -186,9 +167,8 @@ int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *
         if (const int status = copy_mapped_table(memory.fd, &smb->dmi, table.get()))
             return status;
     }
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: %d bytes at 0x%x, %d structures\n", __func__, length, smb->dmi.address,
-                    smb->dmi.items);
+    debug_at(1, "%% %s: %d bytes at 0x%x, %d structures\n", __func__, length, smb->dmi.address,
+             smb->dmi.items);
     *data = table.release();
     if (retLen)
         *retLen = length;
@@ -219,9 +199,8 @@ int iter_dmi_elements(const dmi_entry_point_t *dmi, unsigned char *dmiBuf, int *
         return 0;
     }
     *element = reinterpret_cast<dmi_element_t *>(dmiBuf + index);
-    if (get_debug_state() >= 3)
-        debug_print("%% %s: element %d, offset 0x%x\n", __func__, item,
-                    static_cast<unsigned int>(index));
+    debug_at(3, "%% %s: element %d, offset 0x%x\n", __func__, item,
+             static_cast<unsigned int>(index));
 
     // In the table's very last byte only a type fits; the length behind it cannot be read.
     const int formatted = rest > 1 ? (*element)->length : static_cast<int>(sizeof **element);

@@ -121,8 +121,7 @@ void send_child(const dmi_structure_t &structure, const dmi_child_t &child, int 
 void send_section(const dmi_structure_t &structure, const dmi_section_t &section, int item,
                   int indent, const smbios_entry_point_t &smb)
 {
-    if (get_debug_state() >= 2)
-        debug_print("%% %s:   %s\n", reporter, section.trace);
+    debug_at(2, "%% %s:   %s\n", reporter, section.trace);
     if (structure.header->length < section.shortest)
         return;
     conn_send_format(1024, "%-*s<%s Type=\"%d\" Item=\"%d\" Handle=\"0x%x\">\n", indent, "",
@@ -149,13 +148,11 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
     dmi_structure_t structure = {};
     while (next_structure(&walk, &structure)) {
         const dmi_element_t &header = *structure.header;
-        if (get_debug_state() >= 3)
-            debug_print("%% %s:   type 0x%x, fixed 0x%x, total 0x%x handle 0x%x\n", reporter,
-                        header.type, header.length, static_cast<unsigned int>(structure.total),
-                        dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
+        debug_at(3, "%% %s:   type 0x%x, fixed 0x%x, total 0x%x handle 0x%x\n", reporter,
+                 header.type, header.length, static_cast<unsigned int>(structure.total),
+                 dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
         if (header.type == DMI_TABLE_END) {
-            if (get_debug_state() >= 2)
-                debug_print("%% %s:   TABLE_END\n", reporter);
+            debug_at(2, "%% %s:   TABLE_END\n", reporter);
             return;
         }
         send_structure(structure, walk.item, indent, smb);
@@ -164,8 +161,7 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
 
 void send_table_dump(const unsigned char *table, int length, int indent)
 {
-    if (get_debug_state() >= 2)
-        debug_print("%% %s: creating MIME output\n", reporter);
+    debug_at(2, "%% %s: creating MIME output\n", reporter);
     char *text = nullptr;
     dump_dmi_buffer(table, length, indent + 2, &text);
     const unique_text dump{text};
@@ -185,12 +181,9 @@ int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **
     const int characters = 4 * ((binLen + 2) / 3);
     const int lines = characters / MIME_LINE_CHARS + 1;
     const int size = lines * (indent + MIME_LINE_CHARS + 2);
-    if (get_debug_state() >= 2) {
-        debug_print("%% %s: binary length %d, base ASCII length %d\n", __func__, binLen,
-                    characters);
-        debug_print("%% %s:    MIME_LINE_CHARS %d lines %d\n", __func__, MIME_LINE_CHARS, lines);
-        debug_print("%% %s: creating %d byte ASCII output buffer\n", __func__, size);
-    }
+    debug_at(2, "%% %s: binary length %d, base ASCII length %d\n", __func__, binLen, characters);
+    debug_at(2, "%% %s:    MIME_LINE_CHARS %d lines %d\n", __func__, MIME_LINE_CHARS, lines);
+    debug_at(2, "%% %s: creating %d byte ASCII output buffer\n", __func__, size);
     unique_text text{static_cast<char *>(malloc(static_cast<size_t>(size)))};
     if (!text) {
         error_print("? %s: unable to allocate ASCII output buffer, length %d\n", __func__, size);
@@ -200,9 +193,8 @@ int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **
     char *end = text.get();
     int offset = 0;
     for (; binLen - offset >= mime_line_bytes; offset += mime_line_bytes) {
-        if (get_debug_state() >= 3)
-            debug_print("%% %s: encoding bytes - offset %d remain %d\n", __func__, offset,
-                        binLen - offset);
+        debug_at(3, "%% %s: encoding bytes - offset %d remain %d\n", __func__, offset,
+                 binLen - offset);
         const int obytes = m64_encode(binary + offset, mime_line_bytes, end + indent);
         if (obytes != MIME_LINE_CHARS) {
             error_print("? %s: m64 encode error, obytes %d\n", __func__, obytes);
@@ -212,24 +204,21 @@ int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **
         *end++ = '\n';
     }
     if (offset < binLen) {
-        if (get_debug_state() >= 3)
-            debug_print("%% %s: encoding last bytes - offset %d remain %d\n", __func__, offset,
-                        binLen - offset);
+        debug_at(3, "%% %s: encoding last bytes - offset %d remain %d\n", __func__, offset,
+                 binLen - offset);
         end += indent + m64_encode(binary + offset, binLen - offset, end + indent);
         *end++ = '\n';
     }
     *end = '\0';
-    if (get_debug_state() >= 2)
-        debug_print("%% %s: DMI dump string %zd bytes ascptr %d\n", __func__, end - text.get(),
-                    static_cast<int>(end - text.get()));
+    debug_at(2, "%% %s: DMI dump string %zd bytes ascptr %d\n", __func__, end - text.get(),
+             static_cast<int>(end - text.get()));
     *retString = text.release();
     return 0;
 }
 
 int show_smbios_info(int indent, int dumpDMTF)
 {
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: getting SMBIOS information\n", __func__);
+    debug_at(1, "%% %s: getting SMBIOS information\n", __func__);
     smbios_entry_point_t smb;
     unsigned char *data = nullptr;
     if (const int status = get_smbios_structures(&smb, &data, nullptr, nullptr))

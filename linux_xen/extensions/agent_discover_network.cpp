@@ -8,8 +8,7 @@ namespace zorvik
 
 int agent_discover_network(int indent)
 {
-    if (get_debug_state() >= 1)
-        debug_print("%s:\n", __func__);
+    debug_at(1, "%s:\n", __func__);
     // Far beyond what a line has room for, a depth is only work, and in the end an overflow.
     constexpr int deepest = 1 << 16;
     indent = std::clamp(indent, -deepest, deepest);

@@ -107,8 +107,7 @@ int agent_unique_id(conn_t *)
     }
     if (!text)
         return 1;
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: %sunique system ID: %s\n", __func__, source, text.get());
+    debug_at(1, "%% %s: %sunique system ID: %s\n", __func__, source, text.get());
     return conn_send2(text.get(), static_cast<int>(strlen(text.get()))) == 0 ? 0 : 1;
 }
 

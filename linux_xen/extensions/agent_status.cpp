@@ -86,8 +86,7 @@ int reject_clause(const char *what, const char *rest)
     char reason[256] = ""; // printf refuses a text that is longer than it can count
     snprintf(reason, sizeof reason, "%s '%s'", what, rest);
     conn_send_response2(RSP_CLIENT_BAD_REQ, "%s", reason);
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: %s\n", driver, reason);
+    debug_at(1, "%% %s: %s\n", driver, reason);
     return EINVAL;
 }
 
@@ -108,8 +107,7 @@ int parse_command(const char *at, int &flags)
     for (at += strspn(at, white_space); *at; at += strspn(at, white_space)) {
         if (!skip_word(at, "Option")) {
             conn_send_response2(RSP_CLIENT_BAD_REQ, "Unknown command '%s'", at);
-            if (get_debug_state() >= 1)
-                debug_print("%% %s: unknown command '%s'\n", driver, at);
+            debug_at(1, "%% %s: unknown command '%s'\n", driver, at);
             return EINVAL;
         }
         const char *colon = strchr(at, ':');

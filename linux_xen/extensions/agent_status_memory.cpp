@@ -23,9 +23,8 @@ long beyond_overhead(long freeMB)
 int send_available(int indent, unsigned long free_kb)
 {
     const long freeMB = static_cast<long>(free_kb / 1024);
-    if (get_debug_state() >= 3)
-        debug_print("%% %s: freeMB %ld ovhdMB %ld availMB %ld\n", "send_memory_info", freeMB,
-                    ovhdMB, beyond_overhead(freeMB));
+    debug_at(3, "%% %s: freeMB %ld ovhdMB %ld availMB %ld\n", "send_memory_info", freeMB, ovhdMB,
+             beyond_overhead(freeMB));
     return conn_send_format(256, "%-*s<AvailableMB>%ld</AvailableMB>\n", indent, "",
                             available_memory(freeMB));
 }
@@ -85,11 +84,8 @@ int send_memory_info(int indent)
     if (const int status = conn_send_XML_tag("Memory", indent, 1))
         return status;
     struct hypervisor_meminfo_contents hmi;
-    if (const int status = read_hypervisor_meminfo(&hmi)) {
-        const int error = errno;
-        error_print("? %s: dmc_read_hypervisor_meminfo failed, sts %d, errno %d (%s)\n", __func__,
-                    status, error, strerror(error));
-    }
+    if (const int status = read_hypervisor_meminfo(&hmi))
+        error_errno(__func__, errno, "dmc_read_hypervisor_meminfo failed, sts %d", status);
     if (const int status = send_available(child, hmi.hmi_MemFree_inKB))
         return status;
     if (const int status = send_hypervisor(child, hmi))

@@ -306,11 +306,9 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
     if (had_line)
         *stpncpy(stat->pidName, pidName, sizeof stat->pidName - 1) = '\0';
     else if (file)
-        error_print("? %s: unable to read '%s', errno %d (%s)\n", reporter, path, error,
-                    strerror(error));
-    else if (get_debug_state() >= 1)
-        debug_print("%% %s: unable to open '%s', errno %d (%s)\n", reporter, path, error,
-                    strerror(error));
+        error_errno(reporter, error, "unable to read '%s'", path);
+    else
+        debug_errno(1, reporter, error, "unable to open '%s'", path);
     errno = error;
     return had_line;
 }
@@ -341,7 +339,7 @@ int send_ps_info(int indent)
 {
     const unique_directory proc{opendir(proc_root)};
     if (!proc)
-        return error_unable_to_open_unquoted(__func__, proc_root, errno);
+        return error_errno(__func__, errno, "unable to open %s", proc_root);
     if (const int status = conn_send_XML_tag("Processes", indent, 1))
         return status;
     // Reading and writing take turns of some processes each: every change between the kernel's code

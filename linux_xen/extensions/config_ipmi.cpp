@@ -87,9 +87,7 @@ bool send_request(int fd, const struct ipmi_msg *msg)
     }
     if (ioctl(fd, IPMICTL_SEND_COMMAND, &request) >= 0)
         return true;
-    const int error = errno;
-    error_print("? %s: failed to send command, errno %d (%s)\n", channel_name, error,
-                strerror(error));
+    error_errno(channel_name, errno, "failed to send command");
     return false;
 }
 
@@ -100,8 +98,7 @@ bool wait_for_reply(int fd)
     if (count < 0 && errno == EINTR)
         count = poll(&waiting, 1, reply_timeout_ms);
     if (count < 0) {
-        const int error = errno;
-        error_print("? %s: poll failed, errno %d (%s)\n", channel_name, error, strerror(error));
+        error_errno(channel_name, errno, "poll failed");
         return false;
     }
     if (waiting.revents != POLLIN) {
@@ -125,9 +122,7 @@ unique_reply receive_reply(int fd)
     received.msg.data = data.get();
     received.msg.data_len = reply_bytes;
     if (ioctl(fd, IPMICTL_RECEIVE_MSG_TRUNC, &received) < 0) {
-        const int error = errno;
-        error_print("? %s: failed to receive response, errno %d (%s)\n", channel_name, error,
-                    strerror(error));
+        error_errno(channel_name, errno, "failed to receive response");
         return nullptr;
     }
     if (get_debug_state() >= 1) {
@@ -215,8 +210,7 @@ bool check_channel_type(int fd, int channel)
     }
     // A refused request has no such byte, and zero is no LAN.
     const int medium = reply->data[offsetof(channel_info_response_t, medium)];
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: Channel %d is type %d\n", __func__, channel, medium);
+    debug_at(1, "%% %s: Channel %d is type %d\n", __func__, channel, medium);
     return medium == medium_lan || medium == medium_other_lan;
 }
 
@@ -261,8 +255,8 @@ void get_lan_info(int indent, int fd, int chan)
         const unique_reply reply = get_lan_param(fd, chan, row.param);
         if (judge_reply(reply.get()) == REPLY_USABLE)
             row.send(indent + 2, reply->data + param_offset);
-        else if (get_debug_state() >= 1)
-            debug_print("%% %s: unable to get LAN %s for channel %d\n", __func__, row.what, chan);
+        else
+            debug_at(1, "%% %s: unable to get LAN %s for channel %d\n", __func__, row.what, chan);
     }
     conn_send_format(128, "%-*s</Channel>\n", indent, "");
 }
@@ -273,26 +267,20 @@ int config_show_ipmi(int indent)
 {
     const unique_fd device{open(ipmi_device, O_RDWR | O_CLOEXEC)};
     if (!device) {
-        const int error = errno;
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: no IPMI device '%s', errno %d (%s)\n", __func__, ipmi_device, error,
-                        strerror(error));
+        debug_errno(1, __func__, errno, "no IPMI device '%s'", ipmi_device);
         return 0;
     }
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: Setting address\n", __func__);
+    debug_at(1, "%% %s: Setting address\n", __func__);
     unsigned int address = bmc_address;
     ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
 
     conn_send_format(512, "%-*s<IPMI>\n", indent, "");
     get_system_guid(indent + 2, device.fd);
     for (int channel = 0; channel <= last_channel; channel++) {
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: Checking channel %d\n", __func__, channel);
+        debug_at(1, "%% %s: Checking channel %d\n", __func__, channel);
         if (!check_channel_type(device.fd, channel))
             continue;
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: Channel %d is a LAN\n", __func__, channel);
+        debug_at(1, "%% %s: Channel %d is a LAN\n", __func__, channel);
         get_lan_info(indent + 2, device.fd, channel);
     }
     conn_send_format(512, "%-*s</IPMI>\n", indent, "");

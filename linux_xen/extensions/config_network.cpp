@@ -84,8 +84,7 @@ void show_link_layer(int indent, const char *name)
     if (!path_exists(path_t<512>("%s/%s/device", net_class, name).text))
         return;
     if (show_dev_mii_info(indent, name) != 0) {
-        if (get_debug_state() >= 3)
-            debug_print("%% %s: device '%s' has no MII calling ethtool\n", function, name);
+        debug_at(3, "%% %s: device '%s' has no MII calling ethtool\n", function, name);
         if (show_dev_ethtool_info(indent, name) != 0)
             error_print("? %s: unable to read device '%s' info\n", function, name);
     }
@@ -134,9 +133,7 @@ void show_sysfs(int indent, const char *name)
     const path_t<128> path("/sys/class/net/%s", name);
     unique_directory directory{opendir(path.text)};
     if (!directory) {
-        const int error = errno;
-        error_print("? %s: failed to open '%s', errno %d (%s)\n", __func__, path.text, error,
-                    strerror(error));
+        error_errno(__func__, errno, "failed to open '%s'", path.text);
         return;
     }
     conn_send_XML_tag("SysFS", indent, 1);
@@ -178,7 +175,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     if (!file) {
         const int error = errno;
         if (error != EACCES && error != kind.missing)
-            error_unable_to_open(kind.function, path, error);
+            error_errno(kind.function, error, "unable to open '%s'", path);
         return;
     }
     conn_send_format(128, "%-*s<%s>", indent, "", element);
@@ -191,8 +188,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     }
     const int error = errno;
     if (length < 0 && error != EINVAL)
-        error_print("? %s: read failed on '%s', errno %d (%s)\n", kind.function, path, error,
-                    strerror(error));
+        error_errno(kind.function, error, "read failed on '%s'", path);
     conn_send_format(128, "</%s>\n", element);
 }
 

@@ -23,8 +23,7 @@ constexpr char reporter[] = "show_bond_status";
 
 int error_reading(const char *path, int error)
 {
-    error_print("? %s: error reading file '%s', errno %d (%s)\n", reporter, path, error,
-                strerror(error));
+    error_errno(reporter, error, "error reading file '%s'", path);
     return error;
 }
 
@@ -95,7 +94,7 @@ unique_stream open_bond_file(const char *path, int *error)
 {
     unique_stream file{fopen(path, "re")};
     if (!file)
-        *error = error_unable_to_open(reporter, path, errno);
+        *error = error_errno(reporter, errno, "unable to open '%s'", path);
     return file;
 }
 
@@ -158,7 +157,7 @@ int send_bond_slaves(int indent, const char *path)
 {
     const unique_directory bond{opendir(path)};
     if (!bond)
-        return error_unable_to_open("bond_config", path, errno);
+        return error_errno("bond_config", errno, "unable to open '%s'", path);
     bool open = false;
     while (const char *entry = next_entry(bond.get(), ENTRY_OTHER_THAN_DIRECTORY)) {
         if (!has_prefix(entry, "slave"))
@@ -183,7 +182,7 @@ int bonding_discover(int indent)
         return 0;
     const unique_directory bonds{opendir(bonding_directory)};
     if (!bonds)
-        return error_unable_to_open(__func__, bonding_directory, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", bonding_directory);
     conn_send_XML_tag("Bonding", indent, 1);
     while (const char *name = next_entry(bonds.get(), ENTRY_OTHER_THAN_DIRECTORY))
         if (const int status = show_bond_status(indent + 2, name))
@@ -195,7 +194,7 @@ int bond_config(int indent)
 {
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
-        return error_unable_to_open(__func__, net_class, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_XML_tag("Bonding", indent, 1);
     // As many bonds are looked for as there are directories, whatever their names.
     for (int number = 0; next_entry(interfaces.get(), ENTRY_DIRECTORY); number++) {

@@ -56,7 +56,7 @@ int show_bridge_ifs(int indent, const char *name)
     const path_t<256> path("%s/%s/%s", net_class, name, "brif");
     const unique_directory ports{opendir(path.text)};
     if (!ports)
-        return error_unable_to_open(__func__, path.text, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", path.text);
     if (const int status = begin_bridge(indent, name))
         return status;
     while (const char *port = next_entry(ports.get(), ENTRY_OTHER_THAN_DIRECTORY | ENTRY_DOTTED))
@@ -159,20 +159,13 @@ int64_t switch_tool_deadline()
 int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size)
 {
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        const int error = errno;
-        error_print("? %s: can not Create pipe , errno %d (%s)\n", switch_reporter, error,
-                    strerror(error));
-        return error;
-    }
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return error_errno(switch_reporter, errno, "can not Create pipe ");
     unique_fd reading{ends[0]};
     unique_fd writing{ends[1]};
     tool_t tool = {fork()};
-    if (tool.child < 0) {
-        const int error = errno;
-        error_print("? %s: can not fork, errno %d (%s)\n", switch_reporter, error, strerror(error));
-        return error;
-    }
+    if (tool.child < 0)
+        return error_errno(switch_reporter, errno, "can not fork");
     if (tool.child == 0)
         run_switch_tool(writing.fd, bridge);
     writing.reset();
@@ -225,7 +218,7 @@ int bridge_config(int indent)
 {
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
-        return error_unable_to_open(__func__, net_class, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_XML_tag("Bridges", indent, 1);
     const int64_t deadline = switch_tool_deadline();
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {

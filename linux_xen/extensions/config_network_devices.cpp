@@ -104,7 +104,7 @@ int open_query_socket()
 
 int error_unable_to_open_socket(const char *function, int error)
 {
-    error_print("? %s: unable to open socket, errno %d (%s)\n", function, error, strerror(error));
+    error_errno(function, error, "unable to open socket");
     return error;
 }
 
@@ -114,10 +114,7 @@ bool query_device(const char *function, int fd, unsigned long request, const cha
     *answer = interface_request(name);
     if (ioctl(fd, request, answer) >= 0)
         return true;
-    const int error = errno;
-    if (get_debug_state() >= 1)
-        debug_print("%% %s: Failed to get device '%s' %s, errno %d (%s)\n", function, name, what,
-                    error, strerror(error));
+    debug_errno(1, function, errno, "Failed to get device '%s' %s", name, what);
     return false;
 }
 
@@ -137,8 +134,7 @@ bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const c
     memcpy(&address, &answer.ifr_addr, sizeof address);
     if (inet_ntop(AF_INET, &address.sin_addr, text, size))
         return true;
-    const int error = errno;
-    error_print("? %s: inet_ntop failed, errno %d (%s)\n", function, error, strerror(error));
+    error_errno(function, errno, "inet_ntop failed");
     return false;
 }
 
@@ -151,7 +147,7 @@ int get_network_device_list(eth_header_t *hdr)
         return error_unable_to_open_socket(__func__, errno);
     const unique_stream table{fopen(device_table, "re")};
     if (!table)
-        return error_unable_to_open_unquoted(__func__, device_table, errno);
+        return error_errno(__func__, errno, "unable to open %s", device_table);
     char line[256];
     while (fgets(line, sizeof line, table.get())) {
         char *colon = strchr(line, ':');
@@ -161,11 +157,8 @@ int get_network_device_list(eth_header_t *hdr)
         if (const int status = list_device(queries.fd, line, hdr))
             return status;
     }
-    if (ferror(table.get())) {
-        const int error = errno;
-        error_print("? %s: error reading file, errno %d (%s)\n", __func__, error, strerror(error));
-        return error;
-    }
+    if (ferror(table.get()))
+        return error_errno(__func__, errno, "error reading file");
     return 0;
 }
 
@@ -213,10 +206,7 @@ int check_real_device(const char *devName)
     if (path_exists(path_t<128>("/proc/net/vlan/%s", devName).text) ||
         path_exists(path_t<128>("%s/%s/device", net_class, devName).text))
         return 1;
-    const int error = errno;
-    if (get_debug_state() >= 3)
-        debug_print("%% %s: device '%s' - probably not a real device, errno %d (%s)\n", __func__,
-                    devName, error, strerror(error));
+    debug_errno(3, __func__, errno, "device '%s' - probably not a real device", devName);
     return 0;
 }
 

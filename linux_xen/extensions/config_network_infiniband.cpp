@@ -52,7 +52,7 @@ int find_adapter(const char *name, adapter_t *adapter)
     const path_t<64> path("%s%s/device/infiniband", net_class, name);
     const unique_directory directory{opendir(path.text)};
     if (!directory)
-        return error_unable_to_open(reporter, path.text, errno);
+        return error_errno(reporter, errno, "unable to open '%s'", path.text);
     while (const char *entry = next_entry(directory.get(), ENTRY_DIRECTORY))
         snprintf(adapter->name, sizeof adapter->name, "%s", entry);
     return 0;
@@ -95,7 +95,7 @@ int infiniband_config(int indent)
 {
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
-        return error_unable_to_open(__func__, net_class, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_XML_tag("Infiniband", indent, 1);
     int port = 0;
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK))

@@ -139,9 +139,8 @@ int read_mii_register(int fd, const char *devName, struct ifreq *request, int nu
     memcpy(&request->ifr_ifru, &data, sizeof data);
     if (ioctl(fd, SIOCGMIIREG, request) < 0) {
         const int error = errno;
-        if (get_debug_state() >= 3)
-            debug_print("? %s: SIOCGMIIREG for register %d on '%s' failed, errno %d (%s)\n",
-                        "get_mii_regs", number, devName, error, strerror(error));
+        debug_at(3, "? %s: SIOCGMIIREG for register %d on '%s' failed, errno %d (%s)\n",
+                 "get_mii_regs", number, devName, error, strerror(error));
         return error;
     }
     memcpy(&data, &request->ifr_ifru, sizeof data);
@@ -153,18 +152,13 @@ int read_mii_register(int fd, const char *devName, struct ifreq *request, int nu
 int get_mii_regs(const char *devName, uint16_t *mii_regs, int maxReg)
 {
     const unique_fd queries{open_query_socket()};
-    if (!queries) {
-        const int error = errno;
-        error_print("? %s: failed to open socket, errno %d (%s)\n", __func__, error,
-                    strerror(error));
-        return error;
-    }
+    if (!queries)
+        return error_errno(__func__, errno, "failed to open socket");
     struct ifreq request = interface_request(devName);
     if (ioctl(queries.fd, SIOCGMIIPHY, &request) < 0) {
         const int error = errno;
-        if (error != ENODEV && get_debug_state() >= 3)
-            debug_print("%% %s: SIOCGMIIPHY on '%s' failed, errno %d (%s)\n", __func__, devName,
-                        error, strerror(error));
+        if (error != ENODEV)
+            debug_errno(3, __func__, error, "SIOCGMIIPHY on '%s' failed", devName);
         return error;
     }
     // Some bits of the status register hold what happened since it was last read: it is read twice.
@@ -326,8 +320,7 @@ int show_dev_mii_info(int indent, const char *devName)
         return status;
     const unsigned int bmcr = regs[MII_BMCR];
     if (bmcr == 0xFFFF) {
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: device '%s' has no MII\n", __func__, devName);
+        debug_at(1, "%% %s: device '%s' has no MII\n", __func__, devName);
         return ENODEV;
     }
     // A gigabit PHY that is through with its negotiation but knows no gigabit partner is not to be
@@ -363,8 +356,7 @@ int show_dev_ethtool_info(int indent, const char *devName)
     for (const auto &question : questions) {
         if (ask_ethtool(queries.fd, devName, question.command))
             continue;
-        if (get_debug_state() >= 1)
-            debug_print("%% %s: device '%s' %s failed\n", __func__, devName, question.name);
+        debug_at(1, "%% %s: device '%s' %s failed\n", __func__, devName, question.name);
         return ENODEV;
     }
     int status = conn_send_XML_tag("ETHTOOL", indent, 1);
@@ -385,8 +377,8 @@ void show_dev_ethtool_wol(int indent, const char *devName)
     struct ethtool_wolinfo wake = {};
     wake.cmd = ETHTOOL_GWOL;
     const bool known = ask_ethtool(queries.fd, devName, &wake);
-    if (!known && get_debug_state() >= 1)
-        debug_print("WOL IS NOT Supported on device %s\n", devName);
+    if (!known)
+        debug_at(1, "WOL IS NOT Supported on device %s\n", devName);
     const char *text = "NotSupported";
     for (const wol_name_t &row : wol_names)
         if (known && row.options == wake.wolopts)

@@ -65,7 +65,7 @@ int network_status(int indent, int onlyMinimum)
 {
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
-        return error_unable_to_open(__func__, net_class, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_XML_tag("Network", indent, 1);
     while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
         if (is_reported(name))
@@ -80,7 +80,7 @@ int show_dev_stats(int indent, const char *name, int)
         return error_invalid_arguments(__func__);
     const path_t<256> directory("%s/%s/%s", net_class, name, "statistics");
     if (!unique_directory{opendir(directory.text)})
-        return error_unable_to_open(__func__, directory.text, errno);
+        return error_errno(__func__, errno, "unable to open '%s'", directory.text);
     if (const int status = conn_send_format(256, "%-*s<Device Name=\"%s\">\n", indent, "", name))
         return status;
     if (const int status = conn_send_XML_tag("Statistics", indent + 2, 1))
