@@ -138,13 +138,48 @@ int conn_send2(const void *string, int len)
     return status;
 }
 
-int conn_send_format(size_t size, const char *format, ...)
+namespace
 {
-    char text[2048];
+
+constexpr size_t most_text = 2048;
+
+/** A format of lines with all of their blanks in place. What is cut in any case is left out. */
+struct indented_format_t {
+    char text[3 * most_text];
+
+    indented_format_t(size_t size, int indent, const char *format)
+    {
+        char *end = text;
+        for (size_t blanks = 0; *format && blanks < size;) {
+            const size_t own = strspn(format, " ");
+            format += own;
+            const size_t line = strcspn(format, "\n") + (strchr(format, '\n') ? 1 : 0);
+            const long depth = std::labs(static_cast<long>(indent) + static_cast<long>(own));
+            const size_t width = std::min(static_cast<size_t>(depth), size);
+            if (width + line >= static_cast<size_t>(text + sizeof text - end))
+                break;
+            end = std::copy_n(format, line, std::fill_n(end, width, ' '));
+            format += line;
+            blanks += width;
+        }
+        *end = '\0';
+    }
+};
+
+} // namespace
+
+int conn_send_lines(size_t size, int indent, const char *format, ...)
+{
+    char text[most_text];
     text[0] = '\0';
+    size = std::min(size, sizeof text);
+    const indented_format_t indented(size, indent, format);
     va_list arguments;
     va_start(arguments, format);
-    const int written = vsnprintf(text, size < sizeof text ? size : sizeof text, format, arguments);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the format it was made of is checked
+    const int written = vsnprintf(text, size, indented.text, arguments);
+#pragma GCC diagnostic pop
     va_end(arguments);
     if (written < 0)
         return EINVAL;
@@ -192,16 +227,24 @@ int conn_send_XML_tag(const char *element, int indent, int start)
 {
     if (indent < 0 || !element)
         return error_invalid_arguments(__func__);
-    constexpr int size = 128;
-    return conn_send_format(size, "%-*s<%s%s>\n", std::min(indent, size), "", start ? "" : "/",
-                            element);
+    return conn_send_lines(128, indent, "<%s%s>\n", start ? "" : "/", element);
+}
+
+int conn_send_start(const char *element, int indent)
+{
+    return conn_send_XML_tag(element, indent, 1);
+}
+
+int conn_send_end(const char *element, int indent)
+{
+    return conn_send_XML_tag(element, indent, 0);
 }
 
 int conn_close_early(const char *element, int indent, int error)
 {
     // An element at a negative depth was refused when it was to be opened.
     if (!response_is_cut && indent >= 0)
-        conn_send_XML_tag(element, indent, 0);
+        conn_send_end(element, indent);
     return error;
 }
 
@@ -276,7 +319,7 @@ namespace
 struct message_t {
     char text[1024] = ""; // printf refuses a text that is longer than it can count
 
-    message_t(const char *format, va_list arguments)
+    message_t(const char *format, va_list arguments) PRINTF_FORMAT(2, 0)
     {
         vsnprintf(text, sizeof text, format, arguments);
     }

@@ -62,11 +62,12 @@ int conn_free(conn_t *conn);
 int conn_send2(const void *string, int len);
 
 /**
- * Appends one formatted text, cut at `size` - 1 characters.
- * `size` is that of the text's buffer, terminator included, 2048 at the most.
- * Returns the result of conn_send2().
+ * Appends a group of lines as one formatted text, cut at `size` - 1 characters. Every line of the
+ * format is put `indent` blanks deeper than the blanks it begins with say; as in printf, a negative
+ * depth counts as if it were positive. `size` is that of the text's buffer, terminator included,
+ * 2048 at the most. Returns the result of conn_send2().
  */
-int conn_send_format(size_t size, const char *format, ...) PRINTF_FORMAT(2, 3);
+int conn_send_lines(size_t size, int indent, const char *format, ...) PRINTF_FORMAT(3, 4);
 
 /**
  * Replaces the response by the line "Status: CODE TEXT".
@@ -83,6 +84,10 @@ int conn_close(conn_t *conn);
  * Returns 0, EINVAL or ENOMEM.
  */
 int conn_send_XML_tag(const char *element, int indent, int start);
+
+/** Appends the line of a start tag or of an end tag, as conn_send_XML_tag() does. */
+int conn_send_start(const char *element, int indent);
+int conn_send_end(const char *element, int indent);
 
 /**
  * Closes an open element before its time because of `error`, which is returned. After an append

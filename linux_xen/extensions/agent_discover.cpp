@@ -32,58 +32,56 @@ void send_physical_info(const xc_physinfo_t &info)
 {
     const topology_t topology =
         derive_topology(info.threads_per_core, info.cores_per_socket, info.nr_nodes, info.nr_cpus);
-    constexpr int indent = 8;
-    conn_send_XML_tag("PhysicalInfo", 6, 1);
-    conn_send_format(text_bytes,
-                     "%-*s<ThreadsPerCore>%u</ThreadsPerCore>\n"
-                     "%-*s<CoresPerSocket>%u</CoresPerSocket>\n"
-                     "%-*s<SocketsPerNode>%u</SocketsPerNode>\n"
-                     "%-*s<Nodes>%u</Nodes>\n"
-                     "%-*s<CPUKHz>%u</CPUKHz>\n"
-                     "%-*s<TotalPages>%lu</TotalPages>\n"
-                     "%-*s<FreePages>%lu</FreePages>\n",
-                     indent, "", info.threads_per_core, indent, "", info.cores_per_socket, indent,
-                     "", topology.sockets_per_node, indent, "", topology.nodes, indent, "",
-                     info.cpu_khz, indent, "", info.total_pages, indent, "", info.free_pages);
-    conn_send_XML_tag("HW_Caps", 8, 1);
+    conn_send_start("PhysicalInfo", 6);
+    conn_send_lines(text_bytes, 8,
+                    "<ThreadsPerCore>%u</ThreadsPerCore>\n"
+                    "<CoresPerSocket>%u</CoresPerSocket>\n"
+                    "<SocketsPerNode>%u</SocketsPerNode>\n"
+                    "<Nodes>%u</Nodes>\n"
+                    "<CPUKHz>%u</CPUKHz>\n"
+                    "<TotalPages>%lu</TotalPages>\n"
+                    "<FreePages>%lu</FreePages>\n",
+                    info.threads_per_core, info.cores_per_socket, topology.sockets_per_node,
+                    topology.nodes, info.cpu_khz, info.total_pages, info.free_pages);
+    conn_send_start("HW_Caps", 8);
     for (int i = 0; i < static_cast<int>(std::size(info.hw_cap)); i++)
-        conn_send_format(text_bytes, "%-*s<Item_%d>0x%08x</Item_%d>\n", 10, "", i, info.hw_cap[i],
-                         i);
-    conn_send_XML_tag("HW_Caps", 8, 0);
-    conn_send_XML_tag("PhysicalInfo", 6, 0);
+        conn_send_lines(text_bytes, 10, "<Item_%d>0x%08x</Item_%d>\n", i, info.hw_cap[i], i);
+    conn_send_end("HW_Caps", 8);
+    conn_send_end("PhysicalInfo", 6);
 }
 
 /** Ends where the hypervisor does not answer, with what is open then left open. */
 void send_discover()
 {
-    conn_send_format(text_bytes,
-                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n%s%*s<NodeInformation>\n",
-                     "<Discover_Hardware_Result>\n", 2, " ");
+    conn_send_lines(text_bytes, 0,
+                    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                    "<Discover_Hardware_Result>\n"
+                    "  <NodeInformation>\n");
     const unique_hypervisor hypervisor = open_hypervisor(__func__);
     if (!hypervisor)
         return;
 
-    conn_send_XML_tag("VMM", 4, 1);
+    conn_send_start("VMM", 4);
     xc_physinfo_t info = {};
     if (const int status = xc_physinfo(hypervisor.get(), &info)) {
         error_errno(__func__, errno, "xc_physinfo failed, sts %d", status);
         return;
     }
     send_physical_info(info);
-    conn_send_XML_tag("VMM", 4, 0);
+    conn_send_end("VMM", 4);
 
     config_send_cpuinfo(4);
 
-    conn_send_XML_tag("IO", 4, 1);
-    conn_send_format(text_bytes, "%-*s##STORAGE_DISCOVERY##\n", 6, "");
-    conn_send_XML_tag("IO", 4, 0);
+    conn_send_start("IO", 4);
+    conn_send_lines(text_bytes, 6, "##STORAGE_DISCOVERY##\n");
+    conn_send_end("IO", 4);
 
     config_show_ipmi(4);
     show_smbios_info(4, 1);
 
-    conn_send_format(text_bytes, "%-*s##SERVER_RESERVED##\n", 4, "");
-    conn_send_XML_tag("NodeInformation", 2, 0);
-    conn_send_XML_tag("Discover_Hardware_Result", 0, 0);
+    conn_send_lines(text_bytes, 4, "##SERVER_RESERVED##\n");
+    conn_send_end("NodeInformation", 2);
+    conn_send_end("Discover_Hardware_Result", 0);
 }
 
 } // namespace

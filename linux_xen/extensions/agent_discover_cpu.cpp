@@ -49,13 +49,13 @@ struct cpu_list_t {
 void close_processor(const cpu_list_t &list)
 {
     if (list.saw_processor)
-        conn_send_XML_tag("CPU", list.indent, 0);
+        conn_send_end("CPU", list.indent);
 }
 
 void open_processor(cpu_list_t *list, const char *id)
 {
     close_processor(*list);
-    conn_send_format(line_bytes, "%-*s<CPU ID=\"%s\">\n", list->indent, "", id);
+    conn_send_lines(line_bytes, list->indent, "<CPU ID=\"%s\">\n", id);
     list->saw_processor = true;
     list->vcpus++;
 }
@@ -115,7 +115,7 @@ void show_proc_cpuinfo(int indent)
         error_errno(__func__, errno, "unable to open %s", processor_table);
         return;
     }
-    conn_send_XML_tag("Proc_Info", indent, 1);
+    conn_send_start("Proc_Info", indent);
     cpu_list_t list = {};
     list.indent = indent + 2;
     char line[line_bytes];
@@ -126,16 +126,16 @@ void show_proc_cpuinfo(int indent)
     if (!feof(table.get()))
         error_print("? %s: %s terminated before eof\n", __func__, processor_table);
     close_processor(list);
-    conn_send_XML_tag("Proc_Info", indent, 0);
+    conn_send_end("Proc_Info", indent);
 }
 
 } // namespace
 
 void config_send_cpuinfo(int indent)
 {
-    conn_send_XML_tag("CPUInfo", indent, 1);
+    conn_send_start("CPUInfo", indent);
     show_proc_cpuinfo(indent + 2);
-    conn_send_XML_tag("CPUInfo", indent, 0);
+    conn_send_end("CPUInfo", indent);
 }
 
 } // namespace zorvik

@@ -99,8 +99,8 @@ void send_uuid(const dmi_structure_t &structure, const dmi_child_t &child, int i
 void send_number(const dmi_structure_t &structure, const dmi_child_t &child, int indent,
                  const char *unit)
 {
-    conn_send_format(1024, "%-*s<%s>%u%s</%s>\n", indent, "", child.element,
-                     dmi_number(structure, child.field), unit, child.element);
+    conn_send_lines(1024, indent, "<%s>%u%s</%s>\n", child.element,
+                    dmi_number(structure, child.field), unit, child.element);
 }
 
 void send_child(const dmi_structure_t &structure, const dmi_child_t &child, int indent,
@@ -124,12 +124,12 @@ void send_section(const dmi_structure_t &structure, const dmi_section_t &section
     debug_at(2, "%% %s:   %s\n", reporter, section.trace);
     if (structure.header->length < section.shortest)
         return;
-    conn_send_format(1024, "%-*s<%s Type=\"%d\" Item=\"%d\" Handle=\"0x%x\">\n", indent, "",
-                     section.element, structure.header->type, item,
-                     dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
+    conn_send_lines(1024, indent, "<%s Type=\"%d\" Item=\"%d\" Handle=\"0x%x\">\n", section.element,
+                    structure.header->type, item,
+                    dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
     for (const dmi_child_t &child : section.children)
         send_child(structure, child, indent + 2, smb);
-    conn_send_XML_tag(section.element, indent, 0);
+    conn_send_end(section.element, indent);
 }
 
 void send_structure(const dmi_structure_t &structure, int item, int indent,
@@ -167,9 +167,9 @@ void send_table_dump(const unsigned char *table, int length, int indent)
     const unique_text dump{text};
     if (!dump)
         return;
-    conn_send_XML_tag("Buffer", indent, 1);
+    conn_send_start("Buffer", indent);
     conn_send2(text, static_cast<int>(strlen(text)));
-    conn_send_XML_tag("Buffer", indent, 0);
+    conn_send_end("Buffer", indent);
 }
 
 } // namespace
@@ -225,26 +225,24 @@ int show_smbios_info(int indent, int dumpDMTF)
         return status;
     const unique_heap<unsigned char> table{data};
 
-    conn_send_XML_tag("DMTF", indent, 1);
+    conn_send_start("DMTF", indent);
     if (smb.anchor_string[0] == '_')
-        conn_send_format(1024,
-                         "%-*s<SMBIOS Version=\"%u.%u.%u\">\n"
-                         "%-*s<MaxSize>%u</MaxSize>\n"
-                         "%-*s</SMBIOS>\n",
-                         indent + 2, "", smb.major, smb.minor, smb.revision, indent + 4, "",
-                         smb.max, indent + 2, "");
-    conn_send_format(1024,
-                     "%-*s<DMI Version=\"%u.%u\">\n"
-                     "%-*s<TableLength>%u</TableLength>\n"
-                     "%-*s<Items>%u</Items>\n",
-                     indent + 2, "", smb.dmi.revision >> 4, smb.dmi.revision & 0xFU, indent + 4, "",
-                     smb.dmi.length, indent + 4, "", smb.dmi.items);
+        conn_send_lines(1024, indent + 2,
+                        "<SMBIOS Version=\"%u.%u.%u\">\n"
+                        "  <MaxSize>%u</MaxSize>\n"
+                        "</SMBIOS>\n",
+                        smb.major, smb.minor, smb.revision, smb.max);
+    conn_send_lines(1024, indent + 2,
+                    "<DMI Version=\"%u.%u\">\n"
+                    "  <TableLength>%u</TableLength>\n"
+                    "  <Items>%u</Items>\n",
+                    smb.dmi.revision >> 4, smb.dmi.revision & 0xFU, smb.dmi.length, smb.dmi.items);
     // First the dump: the sections rewrite the strings and the UUID inside the table.
     if (dumpDMTF)
         send_table_dump(table.get(), smb.dmi.length, indent + 4);
-    conn_send_XML_tag("DMI", indent + 2, 0);
+    conn_send_end("DMI", indent + 2);
     send_structures(table.get(), indent + 2, smb);
-    conn_send_XML_tag("DMTF", indent, 0);
+    conn_send_end("DMTF", indent);
     return 0;
 }
 

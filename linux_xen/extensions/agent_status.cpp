@@ -137,8 +137,8 @@ int generate_status(sts_flags_t flags)
     constexpr int indent = 2;
     const time_t start = time(nullptr);
     const unique_text local_time{xml_dateTime(start)};
-    if (const int status = conn_send_format(
-            1024, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Status LocalTime=\"%s\">\n",
+    if (const int status = conn_send_lines(
+            1024, 0, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Status LocalTime=\"%s\">\n",
             local_time ? local_time.get() : ""))
         return status;
     for (const section_t &section : sections)
@@ -146,11 +146,11 @@ int generate_status(sts_flags_t flags)
             section.write(indent);
     const time_t end = time(nullptr);
     const time_t delta = end > start ? end - start : start - end;
-    if (const int status =
-            conn_send_format(1024, "%-*s<StatusDeltaTime units=\"seconds\">%lu</StatusDeltaTime>\n",
-                             indent, "", static_cast<unsigned long>(delta)))
+    if (const int status = conn_send_lines(
+            1024, indent, "<StatusDeltaTime units=\"seconds\">%lu</StatusDeltaTime>\n",
+            static_cast<unsigned long>(delta)))
         return status;
-    return conn_send_format(1024, "</Status>\n");
+    return conn_send_lines(1024, 0, "</Status>\n");
 }
 
 int agent_status(conn_t *conn, const char *cmdstring)

@@ -34,7 +34,7 @@ constexpr domain_state_t domain_states[] = {
 
 int send_state(int indent, const xc_dominfo_t &info)
 {
-    conn_send_XML_tag("State", indent, 1);
+    conn_send_start("State", indent);
     const int child = indent + 2;
     bool ready = true;
     for (const domain_state_t &state : domain_states) {
@@ -42,23 +42,23 @@ int send_state(int indent, const xc_dominfo_t &info)
             continue;
         ready = false;
         if (state.has_reason) {
-            conn_send_XML_tag(state.name, child, 1);
+            conn_send_start(state.name, child);
             conn_send_XML_string("Reason", child + 2,
                                  shutdown_reason(static_cast<int>(info.shutdown_reason)));
-            conn_send_XML_tag(state.name, child, 0);
+            conn_send_end(state.name, child);
         } else {
-            conn_send_format(256, "%-*s<%s />\n", child, "", state.name);
+            conn_send_lines(256, child, "<%s />\n", state.name);
         }
     }
     if (ready)
-        conn_send_format(256, "%-*s<Ready />\n", child, "");
-    return conn_send_XML_tag("State", indent, 0);
+        conn_send_lines(256, child, "<Ready />\n");
+    return conn_send_end("State", indent);
 }
 
 void send_domain(int indent, const xc_dominfo_t &info)
 {
     const int child = indent + 2;
-    conn_send_format(256, "%-*s<Domain Id=\"%d\">\n", indent, "", static_cast<int>(info.domid));
+    conn_send_lines(256, indent, "<Domain Id=\"%d\">\n", static_cast<int>(info.domid));
     char handle[UUID_STR_LEN];
     uuid_unparse(info.handle, handle);
     conn_send_XML_string("Handle", child, handle);
@@ -75,7 +75,7 @@ void send_domain(int indent, const xc_dominfo_t &info)
                     "send_Domain_Info", 789, length, static_cast<ssize_t>(sizeof text));
     conn_send2(text, std::min(length, static_cast<int>(sizeof text) - 1));
     send_state(child, info);
-    conn_send_XML_tag("Domain", indent, 0);
+    conn_send_end("Domain", indent);
 }
 
 /** Logs that the parameters of a domain cannot be read. */
@@ -97,13 +97,15 @@ void send_sedf(xc_interface *handle, int indent, uint32_t domid)
         log_schedule("SEDF", id, status);
         return;
     }
-    const int child = indent + 2;
-    conn_send_format(256,
-                     "%-*s<Domain Id=\"%d\">\n%-*s<Period>%lu</Period>\n%-*s<Slice>%lu</Slice>\n"
-                     "%-*s<Latency>%lu</Latency>\n%-*s<Extratime>%hu</Extratime>\n"
-                     "%-*s<Weight>%hu</Weight>\n%-*s</Domain>\n",
-                     indent, "", id, child, "", period, child, "", slice, child, "", latency, child,
-                     "", extratime, child, "", weight, indent, "");
+    conn_send_lines(256, indent,
+                    "<Domain Id=\"%d\">\n"
+                    "  <Period>%lu</Period>\n"
+                    "  <Slice>%lu</Slice>\n"
+                    "  <Latency>%lu</Latency>\n"
+                    "  <Extratime>%hu</Extratime>\n"
+                    "  <Weight>%hu</Weight>\n"
+                    "</Domain>\n",
+                    id, period, slice, latency, extratime, weight);
 }
 
 void send_credit(xc_interface *handle, int indent, uint32_t domid)
@@ -114,11 +116,12 @@ void send_credit(xc_interface *handle, int indent, uint32_t domid)
         log_schedule("CREDIT", id, status);
         return;
     }
-    const int child = indent + 2;
-    conn_send_format(256,
-                     "%-*s<Domain Id=\"%d\">\n%-*s<Weight>%hu</Weight>\n%-*s<Cap>%hu</Cap>\n"
-                     "%-*s</Domain>\n",
-                     indent, "", id, child, "", credit.weight, child, "", credit.cap, indent, "");
+    conn_send_lines(256, indent,
+                    "<Domain Id=\"%d\">\n"
+                    "  <Weight>%hu</Weight>\n"
+                    "  <Cap>%hu</Cap>\n"
+                    "</Domain>\n",
+                    id, credit.weight, credit.cap);
 }
 
 /** The hypervisor's number of a scheduler, and what tells a domain's share under it. */
@@ -157,10 +160,10 @@ int send_Domain_Info(int indent)
     const unique_hypervisor handle = open_hypervisor(__func__);
     if (!handle)
         return errno;
-    if (const int status = conn_send_XML_tag("Domains", indent, 1))
+    if (const int status = conn_send_start("Domains", indent))
         return status;
     for_each_domain(handle.get(), [=](const xc_dominfo_t &info) { send_domain(indent + 2, info); });
-    return conn_send_XML_tag("Domains", indent, 0);
+    return conn_send_end("Domains", indent);
 }
 
 int send_scheduler(int indent)
@@ -174,12 +177,11 @@ int send_scheduler(int indent)
         return status;
     }
     const scheduler_t &scheduler = find_scheduler(id);
-    conn_send_format(256, "%-*s<Scheduler Type=\"%s\" Index=\"%d\" >\n", indent, "", scheduler.name,
-                     id);
+    conn_send_lines(256, indent, "<Scheduler Type=\"%s\" Index=\"%d\" >\n", scheduler.name, id);
     for_each_domain(handle.get(), [&](const xc_dominfo_t &info) {
         scheduler.send(handle.get(), indent + 2, info.domid);
     });
-    return conn_send_XML_tag("Scheduler", indent, 0);
+    return conn_send_end("Scheduler", indent);
 }
 
 } // namespace zorvik

@@ -25,48 +25,48 @@ int send_available(int indent, unsigned long free_kb)
     const long freeMB = static_cast<long>(free_kb / 1024);
     debug_at(3, "%% %s: freeMB %ld ovhdMB %ld availMB %ld\n", "send_memory_info", freeMB, ovhdMB,
              beyond_overhead(freeMB));
-    return conn_send_format(256, "%-*s<AvailableMB>%ld</AvailableMB>\n", indent, "",
-                            available_memory(freeMB));
+    return conn_send_lines(256, indent, "<AvailableMB>%ld</AvailableMB>\n",
+                           available_memory(freeMB));
 }
 
 int send_hypervisor(int indent, const struct hypervisor_meminfo_contents &hmi)
 {
-    const int deeper = indent + 2;
-    conn_send_XML_tag("PhysicalInfo", indent, 1);
-    if (const int status = conn_send_format(
-            256,
-            "%-*s<TotalKB>%lu</TotalKB>\n%-*s<FreeKB>%lu</FreeKB>\n%-*s<ScrubKB>%lu</ScrubKB>\n",
-            deeper, "", hmi.hmi_MemTotal_inKB, deeper, "", hmi.hmi_MemFree_inKB, deeper, "",
-            hmi.hmi_Scrub_inKB))
+    conn_send_start("PhysicalInfo", indent);
+    if (const int status =
+            conn_send_lines(256, indent + 2,
+                            "<TotalKB>%lu</TotalKB>\n"
+                            "<FreeKB>%lu</FreeKB>\n"
+                            "<ScrubKB>%lu</ScrubKB>\n",
+                            hmi.hmi_MemTotal_inKB, hmi.hmi_MemFree_inKB, hmi.hmi_Scrub_inKB))
         return status;
-    conn_send_XML_tag("PhysicalInfo", indent, 0);
+    conn_send_end("PhysicalInfo", indent);
     return 0;
 }
 
 int send_balloon(int indent, const struct xenballoon_contents &xbc)
 {
-    const int deeper = indent + 2;
-    conn_send_XML_tag("Balloon", indent, 1);
+    conn_send_start("Balloon", indent);
     if (const int status =
-            conn_send_format(256,
-                             "%-*s<CurrentKB>%lu</CurrentKB>\n%-*s<RequestedKB>%lu</RequestedKB>\n"
-                             "%-*s<LowMemKB>%lu</LowMemKB>\n",
-                             deeper, "", xbc.xbc_CurrentAllocation_inKB, deeper, "",
-                             xbc.xbc_RequestedTarget_inKB, deeper, "", xbc.xbc_LowMemBalloon_inKB))
+            conn_send_lines(256, indent + 2,
+                            "<CurrentKB>%lu</CurrentKB>\n"
+                            "<RequestedKB>%lu</RequestedKB>\n"
+                            "<LowMemKB>%lu</LowMemKB>\n",
+                            xbc.xbc_CurrentAllocation_inKB, xbc.xbc_RequestedTarget_inKB,
+                            xbc.xbc_LowMemBalloon_inKB))
         return status;
-    conn_send_XML_tag("Balloon", indent, 0);
+    conn_send_end("Balloon", indent);
     return 0;
 }
 
 int send_meminfo(int indent, const struct meminfo_contents &mic)
 {
-    const int deeper = indent + 2;
-    conn_send_XML_tag("Meminfo", indent, 1);
-    if (const int status =
-            conn_send_format(256, "%-*s<TotalKB>%lu</TotalKB>\n%-*s<FreeKB>%lu</FreeKB>\n", deeper,
-                             "", mic.mic_MemTotal_inKB, deeper, "", mic.mic_MemFree_inKB))
+    conn_send_start("Meminfo", indent);
+    if (const int status = conn_send_lines(256, indent + 2,
+                                           "<TotalKB>%lu</TotalKB>\n"
+                                           "<FreeKB>%lu</FreeKB>\n",
+                                           mic.mic_MemTotal_inKB, mic.mic_MemFree_inKB))
         return status;
-    conn_send_XML_tag("Meminfo", indent, 0);
+    conn_send_end("Meminfo", indent);
     return 0;
 }
 
@@ -81,7 +81,7 @@ long available_memory(long freeMB)
 int send_memory_info(int indent)
 {
     const int child = indent + 2;
-    if (const int status = conn_send_XML_tag("Memory", indent, 1))
+    if (const int status = conn_send_start("Memory", indent))
         return status;
     struct hypervisor_meminfo_contents hmi;
     if (const int status = read_hypervisor_meminfo(&hmi))
@@ -100,7 +100,7 @@ int send_memory_info(int indent)
         return conn_close_early("Memory", indent, status);
     if (const int status = send_meminfo(child, mic))
         return status;
-    return conn_send_XML_tag("Memory", indent, 0);
+    return conn_send_end("Memory", indent);
 }
 
 } // namespace zorvik

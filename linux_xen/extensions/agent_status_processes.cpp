@@ -317,9 +317,11 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
 
 int send_CPU_time(int indent, int)
 {
-    conn_send_format(512, "%-*s<CPUTime>\n%-*s<Rate>%ld</Rate>\n", indent, "", indent + 2, "",
-                     sysconf(_SC_CLK_TCK));
-    return conn_send_XML_tag("CPUTime", indent, 0);
+    conn_send_lines(512, indent,
+                    "<CPUTime>\n"
+                    "  <Rate>%ld</Rate>\n",
+                    sysconf(_SC_CLK_TCK));
+    return conn_send_end("CPUTime", indent);
 }
 
 int send_proc_info(int indent, const char *pidName)
@@ -340,7 +342,7 @@ int send_ps_info(int indent)
     const unique_directory proc{opendir(proc_root)};
     if (!proc)
         return error_errno(__func__, errno, "unable to open %s", proc_root);
-    if (const int status = conn_send_XML_tag("Processes", indent, 1))
+    if (const int status = conn_send_start("Processes", indent))
         return status;
     // Reading and writing take turns of some processes each: every change between the kernel's code
     // and this one's costs a start with cold caches.
@@ -357,7 +359,7 @@ int send_ps_info(int indent)
             flush();
     }
     flush();
-    return conn_send_XML_tag("Processes", indent, 0);
+    return conn_send_end("Processes", indent);
 }
 
 } // namespace zorvik

@@ -216,8 +216,8 @@ bool check_channel_type(int fd, int channel)
 
 void send_mac(int indent, const unsigned char *mac)
 {
-    conn_send_format(128, "%-*s<MAC>%02x:%02x:%02x:%02x:%02x:%02x</MAC>\n", indent, "", mac[0],
-                     mac[1], mac[2], mac[3], mac[4], mac[5]);
+    conn_send_lines(128, indent, "<MAC>%02x:%02x:%02x:%02x:%02x:%02x</MAC>\n", mac[0], mac[1],
+                    mac[2], mac[3], mac[4], mac[5]);
 }
 
 void send_address_source(int indent, const unsigned char *source)
@@ -228,8 +228,8 @@ void send_address_source(int indent, const unsigned char *source)
 
 void send_ip_address(int indent, const unsigned char *address)
 {
-    conn_send_format(128, "%-*s<IP_Address>%d.%d.%d.%d</IP_Address>\n", indent, "", address[0],
-                     address[1], address[2], address[3]);
+    conn_send_lines(128, indent, "<IP_Address>%d.%d.%d.%d</IP_Address>\n", address[0], address[1],
+                    address[2], address[3]);
 }
 
 struct lan_param_t {
@@ -250,7 +250,7 @@ void get_lan_info(int indent, int fd, int chan)
         error_invalid_arguments(__func__);
         return;
     }
-    conn_send_format(128, "%-*s<Channel Number=\"%d\">\n", indent, "", chan);
+    conn_send_lines(128, indent, "<Channel Number=\"%d\">\n", chan);
     for (const lan_param_t &row : lan_params) {
         const unique_reply reply = get_lan_param(fd, chan, row.param);
         if (judge_reply(reply.get()) == REPLY_USABLE)
@@ -258,7 +258,7 @@ void get_lan_info(int indent, int fd, int chan)
         else
             debug_at(1, "%% %s: unable to get LAN %s for channel %d\n", __func__, row.what, chan);
     }
-    conn_send_format(128, "%-*s</Channel>\n", indent, "");
+    conn_send_lines(128, indent, "</Channel>\n");
 }
 
 } // namespace
@@ -274,7 +274,7 @@ int config_show_ipmi(int indent)
     unsigned int address = bmc_address;
     ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
 
-    conn_send_format(512, "%-*s<IPMI>\n", indent, "");
+    conn_send_lines(512, indent, "<IPMI>\n");
     get_system_guid(indent + 2, device.fd);
     for (int channel = 0; channel <= last_channel; channel++) {
         debug_at(1, "%% %s: Checking channel %d\n", __func__, channel);
@@ -283,7 +283,7 @@ int config_show_ipmi(int indent)
         debug_at(1, "%% %s: Channel %d is a LAN\n", __func__, channel);
         get_lan_info(indent + 2, device.fd, channel);
     }
-    conn_send_format(512, "%-*s</IPMI>\n", indent, "");
+    conn_send_lines(512, indent, "</IPMI>\n");
     return 0;
 }
 

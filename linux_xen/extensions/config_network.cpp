@@ -44,8 +44,10 @@ void vlan_info(int indent, const char *name)
         return;
     const size_t digits = std::min(strspn(dot + 1, "0123456789"), size_t{4});
     const size_t base = std::min(static_cast<size_t>(dot - name), size_t{64});
-    conn_send_format(128, "%-*s<Vlanid>%.*s</Vlanid>\n%-*s<Basename>%.*s</Basename>\n", indent, "",
-                     static_cast<int>(digits), dot + 1, indent, "", static_cast<int>(base), name);
+    conn_send_lines(128, indent,
+                    "<Vlanid>%.*s</Vlanid>\n"
+                    "<Basename>%.*s</Basename>\n",
+                    static_cast<int>(digits), dot + 1, static_cast<int>(base), name);
 }
 
 void send_mac(int fd, int indent, const char *name, const char *function)
@@ -53,9 +55,9 @@ void send_mac(int fd, int indent, const char *name, const char *function)
     char mac[128];
     struct ifreq answer;
     if (get_device_mac_addr(name, mac, sizeof mac))
-        conn_send_format(128, "%-*s<MAC>%s</MAC>\n", indent, "", mac);
+        conn_send_lines(128, indent, "<MAC>%s</MAC>\n", mac);
     else if (query_device(function, fd, SIOCGIFHWADDR, name, "MAC", &answer))
-        conn_send_format(128, "%-*s<MAC>%s</MAC>\n", indent, "", format_mac(answer).text);
+        conn_send_lines(128, indent, "<MAC>%s</MAC>\n", format_mac(answer).text);
 }
 
 /** Writes the hardware address and the flags of a device. */
@@ -94,13 +96,13 @@ void show_link_layer(int indent, const char *name)
 /** Writes a Family element; only `address` has to be there. */
 void send_family(int indent, const char *address, const char *mask, const char *broadcast)
 {
-    conn_send_format(512, "%-*s<%s>\n", indent, "", family_start);
+    conn_send_lines(512, indent, "<%s>\n", family_start);
     conn_send_XML_string("Address", indent + 2, address);
     if (mask)
         conn_send_XML_string("Netmask", indent + 2, mask);
     if (broadcast)
         conn_send_XML_string("Broadcast", indent + 2, broadcast);
-    conn_send_XML_tag("Family", indent, 0);
+    conn_send_end("Family", indent);
 }
 
 /** Writes the addresses of a device, or those the host process has left for one without. */
@@ -136,27 +138,27 @@ void show_sysfs(int indent, const char *name)
         error_errno(__func__, errno, "failed to open '%s'", path.text);
         return;
     }
-    conn_send_XML_tag("SysFS", indent, 1);
+    conn_send_start("SysFS", indent);
     while (const char *file = next_entry(directory.get(), ENTRY_FILE | ENTRY_DOTTED))
         if (!is_skipped(file))
             send_attribute(interface_attribute, path_t<512>("%s/%s", path.text, file).text, file,
                            indent + 2);
     directory.reset();
     if (check_real_device(name)) {
-        conn_send_XML_tag("SysFSDev", indent + 2, 1);
+        conn_send_start("SysFSDev", indent + 2);
         for (const char *file : hardware_attributes)
             send_attribute(hardware_attribute,
                            path_t<512>("/sys/class/net/%s/device/%s", name, file).text, file,
                            indent + 4);
-        conn_send_XML_tag("SysFSDev", indent + 2, 0);
+        conn_send_end("SysFSDev", indent + 2);
     }
-    conn_send_XML_tag("SysFS", indent, 0);
+    conn_send_end("SysFS", indent);
 }
 
 void show_device(int indent, const eth_device_t *device)
 {
     const char *name = device->device_name;
-    conn_send_format(512, "%-*s<Device Name=\"%s\">\n", indent, "", name);
+    conn_send_lines(512, indent, "<Device Name=\"%s\">\n", name);
     if (has_prefix(name, "qcn") && !strchr(name, '.'))
         conn_send_XML_string("CloudNet", indent + 2, "1");
     vlan_info(indent + 2, name);
@@ -164,7 +166,7 @@ void show_device(int indent, const eth_device_t *device)
     show_link_layer(indent + 4, name);
     show_addresses(indent + 4, device);
     show_sysfs(indent + 4, name);
-    conn_send_XML_tag("Device", indent, 0);
+    conn_send_end("Device", indent);
 }
 
 } // namespace
@@ -178,7 +180,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
             error_errno(kind.function, error, "unable to open '%s'", path);
         return;
     }
-    conn_send_format(128, "%-*s<%s>", indent, "", element);
+    conn_send_lines(128, indent, "<%s>", element);
     char chunk[1024 + 1];
     ssize_t length;
     while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
@@ -189,7 +191,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     const int error = errno;
     if (length < 0 && error != EINVAL)
         error_errno(kind.function, error, "read failed on '%s'", path);
-    conn_send_format(128, "</%s>\n", element);
+    conn_send_lines(128, 0, "</%s>\n", element);
 }
 
 int config_show_network(int indent)
@@ -197,11 +199,11 @@ int config_show_network(int indent)
     device_list_t devices;
     if (const int status = get_network_device_list(&devices.head))
         return status;
-    conn_send_XML_tag("Network", indent, 1);
+    conn_send_start("Network", indent);
     while (const unique_device device = devices.take_first())
         if (device->device_name)
             show_device(indent + 2, device.get());
-    conn_send_XML_tag("Network", indent, 0);
+    conn_send_end("Network", indent);
     return 0;
 }
 

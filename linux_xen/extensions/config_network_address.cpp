@@ -52,9 +52,9 @@ int show_addr_info(int indent, const char *name, int mtu)
     const unique_fd queries{open_query_socket()};
     if (!queries)
         return error_unable_to_open_socket(__func__, errno);
-    conn_send_XML_tag(family_start, indent, 1);
+    conn_send_start(family_start, indent);
     send_address_lines(queries.fd, indent + 2, name, mtu, __func__);
-    conn_send_XML_tag("Family", indent, 0);
+    conn_send_end("Family", indent);
     return 0;
 }
 

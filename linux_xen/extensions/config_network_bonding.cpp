@@ -61,15 +61,15 @@ int send_bond_line(int indent, const bond_line_t &line, bool *slave_open)
     const char *key = line.key.get();
     const char *value = line.value ? line.value.get() : "";
     if (!has_prefix(key, "Slave"))
-        return conn_send_format(1024, "%-*s<%s>%s</%s>\n", *slave_open ? indent + 2 : indent, "",
-                                key, value, key);
+        return conn_send_lines(1024, *slave_open ? indent + 2 : indent, "<%s>%s</%s>\n", key, value,
+                               key);
     if (*slave_open) {
         *slave_open = false;
-        if (const int status = conn_send_format(1024, "%-*s</%s>\n", indent, "", key))
+        if (const int status = conn_send_lines(1024, indent, "</%s>\n", key))
             return status;
     }
     *slave_open = true;
-    return conn_send_format(1024, "%-*s<%s Name=\"%s\">\n", indent, "", key, value);
+    return conn_send_lines(1024, indent, "<%s Name=\"%s\">\n", key, value);
 }
 
 /** Writes what a bond's status file says. Returns 0, or the error that ended it. */
@@ -132,10 +132,9 @@ int show_bond_status(int indent, const char *name)
     file = open_bond_file(path.text, &status);
     if (!file)
         return status;
-    status = conn_send_format(1024, "%-*s<Device Name=\"%s\">\n", indent, "", name);
+    status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name);
     if (status == 0)
-        status =
-            conn_send_format(1024, "%-*s<Bonding_Mode>%s</Bonding_Mode>\n", indent + 2, "", line);
+        status = conn_send_lines(1024, indent + 2, "<Bonding_Mode>%s</Bonding_Mode>\n", line);
     bool slave_open = false;
     if (status == 0)
         status = send_bond_lines(indent + 2, file.get(), path.text, &slave_open);
@@ -145,10 +144,10 @@ int show_bond_status(int indent, const char *name)
         return conn_close_early("Device", indent, status);
     }
     if (slave_open)
-        conn_send_format(1024, "%-*s</Slave_Interface>\n", indent + 2, "");
+        conn_send_lines(1024, indent + 2, "</Slave_Interface>\n");
     file.reset();
     show_addr_info(indent + 2, name, 1);
-    conn_send_XML_tag("Device", indent, 0);
+    conn_send_end("Device", indent);
     return 0;
 }
 
@@ -163,14 +162,13 @@ int send_bond_slaves(int indent, const char *path)
         if (!has_prefix(entry, "slave"))
             continue;
         if (!open)
-            conn_send_format(128, "%-*s<Device Name=\"%s\">\n", indent, "",
-                             path + sizeof net_class - 1);
+            conn_send_lines(128, indent, "<Device Name=\"%s\">\n", path + sizeof net_class - 1);
         open = true;
         const size_t prefix = std::min(strlen(entry), strlen("slave_"));
-        conn_send_format(128, "%-*s<Interface>%s</Interface>\n", indent + 2, "", entry + prefix);
+        conn_send_lines(128, indent + 2, "<Interface>%s</Interface>\n", entry + prefix);
     }
     if (open)
-        conn_send_format(128, "%-*s</Device>\n", indent, "");
+        conn_send_lines(128, indent, "</Device>\n");
     return 0;
 }
 
@@ -183,11 +181,11 @@ int bonding_discover(int indent)
     const unique_directory bonds{opendir(bonding_directory)};
     if (!bonds)
         return error_errno(__func__, errno, "unable to open '%s'", bonding_directory);
-    conn_send_XML_tag("Bonding", indent, 1);
+    conn_send_start("Bonding", indent);
     while (const char *name = next_entry(bonds.get(), ENTRY_OTHER_THAN_DIRECTORY))
         if (const int status = show_bond_status(indent + 2, name))
             return conn_close_early("Bonding", indent, status);
-    return conn_send_XML_tag("Bonding", indent, 0);
+    return conn_send_end("Bonding", indent);
 }
 
 int bond_config(int indent)
@@ -195,7 +193,7 @@ int bond_config(int indent)
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
-    conn_send_XML_tag("Bonding", indent, 1);
+    conn_send_start("Bonding", indent);
     // As many bonds are looked for as there are directories, whatever their names.
     for (int number = 0; next_entry(interfaces.get(), ENTRY_DIRECTORY); number++) {
         const path_t<128> bond("%sbond%d", net_class, number);
@@ -204,7 +202,7 @@ int bond_config(int indent)
         if (const int status = send_bond_slaves(indent + 2, bond.text))
             return conn_close_early("Bonding", indent, status);
     }
-    return conn_send_XML_tag("Bonding", indent, 0);
+    return conn_send_end("Bonding", indent);
 }
 
 } // namespace zorvik

@@ -26,10 +26,10 @@ constexpr const char *virtual_ports[] = {"vif", "tap"};
 
 int begin_bridge(int indent, const char *name)
 {
-    if (const int status = conn_send_format(1024, "%-*s<Device Name=\"%s\">\n", indent, "", name))
+    if (const int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name))
         return status;
     show_addr_info(indent + 2, name, 0);
-    conn_send_format(1024, "%-*s<Interfaces>\n", indent + 2, "");
+    conn_send_lines(1024, indent + 2, "<Interfaces>\n");
     return 0;
 }
 
@@ -39,13 +39,13 @@ int send_port(int indent, const char *port)
     for (const char *prefix : virtual_ports)
         if (has_prefix(port, prefix))
             element = "VirtInterface";
-    return conn_send_format(1024, "%-*s<%s>%s</%s>\n", indent, "", element, port, element);
+    return conn_send_lines(1024, indent, "<%s>%s</%s>\n", element, port, element);
 }
 
 int end_bridge(int indent)
 {
-    conn_send_format(1024, "%-*s</Interfaces>\n", indent + 2, "");
-    return conn_send_XML_tag("Device", indent, 0);
+    conn_send_lines(1024, indent + 2, "</Interfaces>\n");
+    return conn_send_end("Device", indent);
 }
 
 /** Writes a bridge of the kernel's own. */
@@ -219,7 +219,7 @@ int bridge_config(int indent)
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
-    conn_send_XML_tag("Bridges", indent, 1);
+    conn_send_start("Bridges", indent);
     const int64_t deadline = switch_tool_deadline();
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {
         if (!path_exists(path_t<128>("%s/%s/bridge", net_class, name).text))
@@ -230,7 +230,7 @@ int bridge_config(int indent)
         if (status != 0)
             return conn_close_early("Bridges", indent, status);
     }
-    return conn_send_XML_tag("Bridges", indent, 0);
+    return conn_send_end("Bridges", indent);
 }
 
 } // namespace zorvik

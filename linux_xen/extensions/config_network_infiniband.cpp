@@ -61,21 +61,21 @@ int find_adapter(const char *name, adapter_t *adapter)
 /** Writes what the kernel tells of the adapter's port behind an interface. */
 void send_port(int indent, const char *name, const adapter_t &adapter, int port)
 {
-    conn_send_XML_tag("SysFSDev", indent, 1);
+    conn_send_start("SysFSDev", indent);
     for (const port_attribute_t &attribute : port_attributes)
         send_attribute(*attribute.kind,
                        path_t<128>("/sys/class/net/%s/device/infiniband/%s/ports/%d/%s", name,
                                    adapter.name, port, attribute.file)
                            .text,
                        attribute.element, indent + 2);
-    conn_send_XML_tag("SysFSDev", indent, 0);
+    conn_send_end("SysFSDev", indent);
 }
 
 /** Writes one interface. `port` counts those with an adapter. Returns 0 or the error that ended it.
  */
 int show_interface(int indent, const char *name, int *port)
 {
-    if (const int status = conn_send_format(1024, "%-*s<Device Name=\"%s\">\n", indent, "", name))
+    if (const int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name))
         return status;
     int status = show_addr_info(indent + 2, name, 1);
     adapter_t adapter = {};
@@ -85,7 +85,7 @@ int show_interface(int indent, const char *name, int *port)
         return conn_close_early("Device", indent, status);
     if (adapter.name[0])
         send_port(indent, name, adapter, ++*port);
-    conn_send_XML_tag("Device", indent, 0);
+    conn_send_end("Device", indent);
     return 0;
 }
 
@@ -96,13 +96,13 @@ int infiniband_config(int indent)
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
-    conn_send_XML_tag("Infiniband", indent, 1);
+    conn_send_start("Infiniband", indent);
     int port = 0;
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK))
         if (infiniband_device(name))
             if (const int status = show_interface(indent + 2, name, &port))
                 return conn_close_early("Infiniband", indent, status);
-    conn_send_XML_tag("Infiniband", indent, 0);
+    conn_send_end("Infiniband", indent);
     return 0;
 }
 

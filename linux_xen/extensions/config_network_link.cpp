@@ -224,12 +224,14 @@ link_mode_t mii_link_mode(const uint16_t *regs)
 /** Writes how the link came about, and whether it is there; an empty `speed` is left out. */
 int send_link(int indent, const char *state, const char *speed, bool up)
 {
-    int status = conn_send_format(512, "%-*s<Autonegotiate>\n%-*s<State>%s</State>\n", indent, "",
-                                  indent + 2, "", state);
+    int status = conn_send_lines(512, indent,
+                                 "<Autonegotiate>\n"
+                                 "  <State>%s</State>\n",
+                                 state);
     if (status == 0 && speed[0])
         status = conn_send_XML_string("Speed", indent + 2, speed);
     if (status == 0)
-        status = conn_send_XML_tag("Autonegotiate", indent, 0);
+        status = conn_send_end("Autonegotiate", indent);
     if (status == 0)
         status = conn_send_XML_string("Link", indent, up ? "ok" : "none");
     return status;
@@ -238,16 +240,14 @@ int send_link(int indent, const char *state, const char *speed, bool up)
 /** Writes who made the PHY: its maker's OUI, model and revision. */
 int send_product(int indent, unsigned int id1, unsigned int id2)
 {
-    return conn_send_format(512,
-                            "%-*s<Product>\n"
-                            "%-*s<Vendor>%02x:%02x:%02x</Vendor>\n"
-                            "%-*s<Model>%d</Model>\n"
-                            "%-*s<Revision>%d</Revision>\n"
-                            "%-*s</Product>\n",
-                            indent, "", indent + 2, "", id1 >> 10, id1 >> 2 & 0xFF,
-                            (id1 << 6 | id2 >> 10) & 0xFF, indent + 2, "",
-                            static_cast<int>(id2 >> 4 & 0x3F), indent + 2, "",
-                            static_cast<int>(id2 & 0x0F), indent, "");
+    return conn_send_lines(512, indent,
+                           "<Product>\n"
+                           "  <Vendor>%02x:%02x:%02x</Vendor>\n"
+                           "  <Model>%d</Model>\n"
+                           "  <Revision>%d</Revision>\n"
+                           "</Product>\n",
+                           id1 >> 10, id1 >> 2 & 0xFF, (id1 << 6 | id2 >> 10) & 0xFF,
+                           static_cast<int>(id2 >> 4 & 0x3F), static_cast<int>(id2 & 0x0F));
 }
 
 /** What stands in an MII element. Returns the result of the first append that failed, or 0. */
@@ -328,11 +328,11 @@ int show_dev_mii_info(int indent, const char *devName)
     if ((bmcr & BMCR_ANENABLE) && (bmcr & BMCR_SPEED1000) && (regs[MII_BMSR] & BMSR_ANEGCOMPLETE) &&
         regs[MII_STAT1000] == 0)
         return EINVAL;
-    int status = conn_send_XML_tag("MII", indent, 1);
+    int status = conn_send_start("MII", indent);
     if (status == 0)
         status = send_mii_details(indent + 2, regs);
     if (status == 0)
-        status = conn_send_XML_tag("MII", indent, 0);
+        status = conn_send_end("MII", indent);
     return status;
 }
 
@@ -359,11 +359,11 @@ int show_dev_ethtool_info(int indent, const char *devName)
         debug_at(1, "%% %s: device '%s' %s failed\n", __func__, devName, question.name);
         return ENODEV;
     }
-    int status = conn_send_XML_tag("ETHTOOL", indent, 1);
+    int status = conn_send_start("ETHTOOL", indent);
     if (status == 0)
         status = send_ethtool_details(indent + 2, settings, link.data != 0);
     if (status == 0)
-        status = conn_send_XML_tag("ETHTOOL", indent, 0);
+        status = conn_send_end("ETHTOOL", indent);
     return status;
 }
 
@@ -383,11 +383,11 @@ void show_dev_ethtool_wol(int indent, const char *devName)
     for (const wol_name_t &row : wol_names)
         if (known && row.options == wake.wolopts)
             text = row.text;
-    int status = conn_send_XML_tag("WOL", indent, 1);
+    int status = conn_send_start("WOL", indent);
     if (status == 0)
-        status = conn_send_format(512, "%-*s<WakeOnLan>%s</WakeOnLan>\n", indent + 2, "", text);
+        status = conn_send_lines(512, indent + 2, "<WakeOnLan>%s</WakeOnLan>\n", text);
     if (status == 0)
-        conn_send_XML_tag("WOL", indent, 0);
+        conn_send_end("WOL", indent);
 }
 
 } // namespace zorvik

@@ -53,10 +53,10 @@ int send_counter(int indent, const char *directory, const char *name)
                     strerror(error));
         return 0;
     }
-    if (const int status = conn_send_format(256, "%-*s<%s>", indent, "", name))
+    if (const int status = conn_send_lines(256, indent, "<%s>", name))
         return status;
     send_value(file.fd);
-    return conn_send_format(256, "</%s>\n", name);
+    return conn_send_lines(256, 0, "</%s>\n", name);
 }
 
 } // namespace
@@ -66,12 +66,12 @@ int network_status(int indent, int onlyMinimum)
     const unique_directory interfaces{opendir(net_class)};
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
-    conn_send_XML_tag("Network", indent, 1);
+    conn_send_start("Network", indent);
     while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
         if (is_reported(name))
             if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
                 return conn_close_early("Network", indent, status);
-    return conn_send_XML_tag("Network", indent, 0);
+    return conn_send_end("Network", indent);
 }
 
 int show_dev_stats(int indent, const char *name, int)
@@ -81,14 +81,16 @@ int show_dev_stats(int indent, const char *name, int)
     const path_t<256> directory("%s/%s/%s", net_class, name, "statistics");
     if (!unique_directory{opendir(directory.text)})
         return error_errno(__func__, errno, "unable to open '%s'", directory.text);
-    if (const int status = conn_send_format(256, "%-*s<Device Name=\"%s\">\n", indent, "", name))
+    if (const int status = conn_send_lines(256, indent, "<Device Name=\"%s\">\n", name))
         return status;
-    if (const int status = conn_send_XML_tag("Statistics", indent + 2, 1))
+    if (const int status = conn_send_start("Statistics", indent + 2))
         return status;
     for (const net_stat &counter : net_stats)
         if (send_counter(indent + 4, directory.text, counter.name) != 0)
             break;
-    return conn_send_format(256, "%-*s</Statistics>\n%-*s</Device>\n", indent + 2, "", indent, "");
+    return conn_send_lines(256, indent,
+                           "  </Statistics>\n"
+                           "</Device>\n");
 }
 
 } // namespace zorvik

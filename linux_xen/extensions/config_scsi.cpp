@@ -106,13 +106,13 @@ int send_port(const char *port, int indent)
     }
     if (const int status = start.send())
         return status;
-    conn_send_XML_tag("Statistics", indent + 4, 1);
+    conn_send_start("Statistics", indent + 4);
     for (const scsi_stat &counter : scsi_stats)
         if (const int status = send_counter(counter, port, indent))
             return status;
-    if (const int status = conn_send_XML_tag("Statistics", indent + 4, 0))
+    if (const int status = conn_send_end("Statistics", indent + 4))
         return status;
-    return conn_send_XML_tag("Host", indent + 2, 0);
+    return conn_send_end("Host", indent + 2);
 }
 
 /** Whether a directory entry is a port to report. */
@@ -140,12 +140,12 @@ int scsi_status(int indent)
     const unique_directory ports{opendir(port_class)};
     if (!ports)
         return 0;
-    conn_send_XML_tag("SCSI", indent, 1);
+    conn_send_start("SCSI", indent);
     while (const char *name = next_entry(ports.get(), ENTRY_ANY))
         if (is_port(name))
             if (const int status = send_port(name, indent))
                 return status;
-    return conn_send_XML_tag("SCSI", indent, 0);
+    return conn_send_end("SCSI", indent);
 }
 
 } // namespace zorvik
