@@ -5,7 +5,9 @@
 #include <string>
 
 #include "agent_common.h"
+#include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_text.h"
 #include "simhost/simhost.h"
 
 using namespace zorvik;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -10,6 +11,8 @@
 #include <set>
 #include <sys/stat.h>
 
+#include "agent_common.h"
+#include "agent_files.h"
 #include "agent_handles.h"
 
 using namespace zorvik;

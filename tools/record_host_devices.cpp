@@ -1,5 +1,6 @@
 // Records what is no file: the answers of network devices and of the switch's tool, the firmware's
 // memory, the management controller and the hypervisor.
+
 #include "record_host.h"
 
 #include <algorithm>
@@ -12,10 +13,15 @@
 #include <sys/ioctl.h>
 #include <uuid/uuid.h>
 
+#include "agent_common.h"
 #include "agent_discover_internal.h"
+#include "agent_files.h"
+#include "agent_handles.h"
 #include "agent_hypervisor.h"
 #include "config_ipmi_internal.h"
 #include "config_network_internal.h"
+#include "config_network_query.h"
+#include "config_network_sysfs.h"
 
 using namespace zorvik;
 

@@ -6,6 +6,8 @@
 #include <regex.h>
 #include <set>
 
+#include "agent_text.h"
+
 using namespace zorvik;
 
 bool masking = false;

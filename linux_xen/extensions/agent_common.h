@@ -1,15 +1,10 @@
 /**
- * The connection record that every report is written into, the emitters that
- * append to it, error and debug messages, and the text utilities they share.
+ * The connection record that every report is written into, the emitters that append to it, and
+ * error and debug messages.
  */
 #pragma once
 
-#include <cstdarg>
-#include <cstdint>
-#include <cstdio>
-#include <ctime>
-#include <dirent.h>
-#include <sys/types.h>
+#include <cstddef>
 
 /** What the module shows to its host process; everything else is hidden. */
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))
@@ -125,92 +120,5 @@ int debug_errno(int level, const char *function, int error, const char *format, 
 
 /** Numbers the requests to the management controller: 0, 1, 2, … for the life of the process. */
 int next_message_id();
-
-/** One named bit. A table of them ends with a row whose bit is 0. */
-typedef struct flag_table_s {
-    const char *name;
-    uint32_t bit;
-} flag_table_t;
-
-/**
- * Copies `string` without the blanks and tabs around it and the line feeds behind it.
- * Returns a heap string, or null when nothing is left or there is no memory.
- */
-char *string_trim(const char *string);
-
-/**
- * Appends what fits of `source` to `dest`, a buffer of `total` bytes. Returns the new length of
- * `dest`, or, when not even one character fits, the room that was left, terminator included.
- */
-ssize_t strlcat(char *dest, const char *source, ssize_t total);
-
-/** Writes seconds since the epoch as UTC, "1970-01-01T00:00:00". Returns a heap string or null. */
-char *xml_dateTime(time_t secs);
-
-/**
- * Debug dump of `length` bytes, 16 a line, numbered from `offset`; `trail` adds an empty line.
- * Printed at debug level 1, and above 128 bytes only at level 3.
- */
-void hex_dump(const void *base, int length, int offset, int trail);
-
-/**
- * Base 64 (RFC 4648, section 4) of `length` bytes as one line. `ascii` must have room for
- * 4 * ((length + 2) / 3) + 1 characters. Returns the characters written, without the terminator.
- */
-int m64_encode(const unsigned char *binary, int length, char *ascii);
-
-/** Writes bytes as lower-case hex pairs joined by colons. Returns a heap string or null. */
-char *BytesToString(const void *data, int length);
-
-/** Writes `flags` as "(0xVALUE) NAME NAME", names in table order. Returns a heap string or null. */
-char *flag_string(unsigned int flags, const flag_table_t *ftable);
-
-/** A path built from a printf format, cut at `Size` - 1 characters. */
-template <size_t Size> struct path_t {
-    char text[Size];
-
-    explicit path_t(const char *format, ...) PRINTF_FORMAT(2, 3)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        vsnprintf(text, Size, format, arguments);
-        va_end(arguments);
-    }
-};
-
-/** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
-bool path_exists(const char *path);
-
-/** The characters of isspace() in the POSIX locale, whatever the host process's locale is. */
-inline constexpr char white_space[] = " \t\n\v\f\r";
-
-/** Whether a byte is printable ASCII, a blank included, whatever the host process's locale is. */
-inline bool is_printable(char character)
-{
-    return character >= ' ' && character <= '~';
-}
-
-/** How many of the `length` characters of `text` are left without the white space behind them. */
-size_t trimmed_length(const char *text, size_t length);
-
-/** Whether `text` begins with `prefix`. */
-bool has_prefix(const char *text, const char *prefix);
-
-/** What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
- */
-enum entry_kinds : unsigned int {
-    ENTRY_DIRECTORY = 1U << DT_DIR,
-    ENTRY_FILE = 1U << DT_REG,
-    ENTRY_LINK = 1U << DT_LNK,
-    ENTRY_ANY = 0xFFFF,
-    ENTRY_OTHER_THAN_DIRECTORY = ENTRY_ANY & ~ENTRY_DIRECTORY,
-    ENTRY_DOTTED = 1U << 16
-};
-
-/**
- * The name of the next entry of one of the `kinds`, in the order the directory yields them.
- * Valid until the next call; null at the end.
- */
-const char *next_entry(DIR *directory, unsigned int kinds);
 
 } // namespace zorvik

@@ -1,9 +1,11 @@
+// The hardware document: its driver, and what the hypervisor says of the machine.
 #include "agent_discover.h"
 
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 
+#include "agent_common.h"
 #include "agent_discover_internal.h"
 #include "agent_hypervisor.h"
 #include "config_ipmi.h"

@@ -1,3 +1,4 @@
+// The CPUInfo element: the kernel's processors, and the virtual ones it could be given.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -5,7 +6,9 @@
 
 #include "agent_common.h"
 #include "agent_discover_internal.h"
+#include "agent_handles.h"
 #include "agent_hypervisor.h"
+#include "agent_text.h"
 
 namespace zorvik
 {

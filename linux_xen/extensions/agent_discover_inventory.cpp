@@ -1,3 +1,4 @@
+// The DMTF element: the SMBIOS table, raw and decoded.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -5,6 +6,8 @@
 
 #include "agent_common.h"
 #include "agent_discover_internal.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 
 namespace zorvik
 {

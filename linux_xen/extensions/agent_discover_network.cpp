@@ -1,5 +1,7 @@
+// The driver of the network document.
 #include <algorithm>
 
+#include "agent_common.h"
 #include "agent_discover.h"
 #include "config_network.h"
 

@@ -1,35 +1,18 @@
+// The machine's identifier, from the firmware or else from its network cards.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
+#include "agent_common.h"
 #include "agent_discover.h"
 #include "agent_discover_internal.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network.h"
 
 namespace zorvik
 {
-
-int is_valid_uuid(const uint8_t *uuid, int uuid_len)
-{
-    if (uuid_len <= 0)
-        return 0;
-    const auto every = [&](auto test) { return std::all_of(uuid, uuid + uuid_len, test); };
-    if (every([](uint8_t byte) { return byte == 0x00; }) ||
-        every([](uint8_t byte) { return byte == 0xFF; }))
-        return 0;
-    // Some boards ship a counting pattern in place of an identifier.
-    return every([&](uint8_t byte) { return byte <= uuid_len; }) ? 0 : 1;
-}
-
-void adjust_sys_uuid(dmi_system_t *DMIsystem, int major, int minor)
-{
-    if (major < 2 || (major == 2 && minor < 6))
-        return;
-    uint8_t *uuid = DMIsystem->uuid;
-    std::reverse(uuid, uuid + 4);     // time_low
-    std::reverse(uuid + 4, uuid + 6); // time_mid
-    std::reverse(uuid + 6, uuid + 8); // time_hi_and_version
-}
 
 namespace
 {

@@ -1,9 +1,12 @@
+// The status command: its language, and the driver of its document.
 #include "agent_status.h"
 
 #include <cerrno>
 #include <cstring>
 
+#include "agent_common.h"
 #include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network.h"
 #include "config_scsi.h"
 

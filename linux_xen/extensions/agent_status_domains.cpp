@@ -6,6 +6,7 @@
 #include <iterator>
 #include <uuid/uuid.h>
 
+#include "agent_common.h"
 #include "agent_hypervisor.h"
 
 namespace zorvik

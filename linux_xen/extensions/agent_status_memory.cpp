@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "agent_common.h"
 #include "config_memory.h"
 
 namespace zorvik

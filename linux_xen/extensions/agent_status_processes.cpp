@@ -9,7 +9,10 @@
 #include <string_view>
 #include <utility>
 
+#include "agent_common.h"
+#include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_text.h"
 
 namespace zorvik
 {

@@ -1,3 +1,4 @@
+// The channel to the management controller, and the IPMI element.
 #include "config_ipmi.h"
 
 #include <algorithm>
@@ -11,6 +12,8 @@
 #include <sys/ioctl.h>
 
 #include "agent_common.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_ipmi_internal.h"
 
 namespace zorvik

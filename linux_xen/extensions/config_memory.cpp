@@ -1,9 +1,11 @@
+// The three sources of memory figures.
 #include "config_memory.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 
+#include "agent_common.h"
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
 

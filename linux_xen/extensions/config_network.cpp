@@ -1,10 +1,17 @@
+// The Network element of the network document: every device with all that is told of it.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_query.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {
@@ -170,29 +177,6 @@ void show_device(int indent, const eth_device_t *device)
 }
 
 } // namespace
-
-void send_attribute(const attribute_kind_t &kind, const char *path, const char *element, int indent)
-{
-    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
-    if (!file) {
-        const int error = errno;
-        if (error != EACCES && error != kind.missing)
-            error_errno(kind.function, error, "unable to open '%s'", path);
-        return;
-    }
-    conn_send_lines(128, indent, "<%s>", element);
-    char chunk[1024 + 1];
-    ssize_t length;
-    while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
-        chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
-        const char *text = kind.text(chunk);
-        conn_send2(text, static_cast<int>(strlen(text)));
-    }
-    const int error = errno;
-    if (length < 0 && error != EINVAL)
-        error_errno(kind.function, error, "read failed on '%s'", path);
-    conn_send_lines(128, 0, "</%s>\n", element);
-}
 
 int config_show_network(int indent)
 {

@@ -1,8 +1,13 @@
+// The Family element: an interface's addresses.
 #include <cerrno>
 #include <cstdio>
 #include <sys/ioctl.h>
 
+#include "agent_common.h"
+#include "agent_handles.h"
 #include "config_network_internal.h"
+#include "config_network_query.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {

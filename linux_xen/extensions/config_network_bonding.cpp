@@ -1,8 +1,14 @@
+// Bonds: as the bonding driver's status tells them, and as sysfs does.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {

@@ -1,3 +1,4 @@
+// Bridges and their ports, the kernel's and Open vSwitch's.
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -8,7 +9,12 @@
 #include <poll.h>
 #include <sys/wait.h>
 
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {

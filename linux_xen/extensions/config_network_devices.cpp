@@ -1,3 +1,4 @@
+// The sorted list of network devices, and which of them are real ones.
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
@@ -6,7 +7,13 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_query.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {
@@ -43,6 +50,13 @@ constexpr address_query_t address_queries[] = {
 
 // The steps of get_network_device_list() speak in its name.
 constexpr char lister[] = "get_network_device_list";
+
+/** Whether one of the virtual-NIC drivers lists the device. */
+bool check_vantix_device(const char *devName)
+{
+    return path_exists(path_t<128>("/proc/driver/vtnic/devices/%s", devName).text) ||
+           path_exists(path_t<128>("/proc/driver/vte/devices/%s", devName).text);
+}
 
 /** Fills in the device's addresses up to the first that cannot be had. */
 void query_addresses(int fd, eth_device_t *eth)
@@ -89,54 +103,6 @@ int list_device(int fd, const char *name_field, eth_header_t *hdr)
 }
 
 } // namespace
-
-struct ifreq interface_request(const char *name)
-{
-    struct ifreq request = {};
-    memcpy(request.ifr_name, name, strnlen(name, sizeof request.ifr_name - 1));
-    return request;
-}
-
-int open_query_socket()
-{
-    return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-}
-
-int error_unable_to_open_socket(const char *function, int error)
-{
-    error_errno(function, error, "unable to open socket");
-    return error;
-}
-
-bool query_device(const char *function, int fd, unsigned long request, const char *name,
-                  const char *what, struct ifreq *answer)
-{
-    *answer = interface_request(name);
-    if (ioctl(fd, request, answer) >= 0)
-        return true;
-    debug_errno(1, function, errno, "Failed to get device '%s' %s", name, what);
-    return false;
-}
-
-mac_text_t format_mac(const struct ifreq &answer)
-{
-    unsigned char bytes[6];
-    memcpy(bytes, answer.ifr_hwaddr.sa_data, sizeof bytes);
-    mac_text_t mac;
-    snprintf(mac.text, sizeof mac.text, "%02X:%02X:%02X:%02X:%02X:%02X", bytes[0], bytes[1],
-             bytes[2], bytes[3], bytes[4], bytes[5]);
-    return mac;
-}
-
-bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const char *function)
-{
-    struct sockaddr_in address;
-    memcpy(&address, &answer.ifr_addr, sizeof address);
-    if (inet_ntop(AF_INET, &address.sin_addr, text, size))
-        return true;
-    error_errno(function, errno, "inet_ntop failed");
-    return false;
-}
 
 int get_network_device_list(eth_header_t *hdr)
 {
@@ -210,12 +176,6 @@ int check_real_device(const char *devName)
     return 0;
 }
 
-int check_vantix_device(const char *devName)
-{
-    return path_exists(path_t<128>("/proc/driver/vtnic/devices/%s", devName).text) ||
-           path_exists(path_t<128>("/proc/driver/vte/devices/%s", devName).text);
-}
-
 int infiniband_device(const char *devName)
 {
     return path_exists(path_t<128>("%s/%s/pkey", net_class, devName).text);
@@ -231,34 +191,6 @@ void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)
         TAILQ_INSERT_AFTER(hdr, before, eth, eth_entry);
     else
         TAILQ_INSERT_HEAD(hdr, eth, eth_entry);
-}
-
-int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
-{
-    if (!dev_name || !mac || mac_size < 1) {
-        error_invalid_arguments(__func__);
-        return 0;
-    }
-    const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
-    const unique_stream file{fopen(path.text, "re")};
-    if (!file) {
-        const int error = errno;
-        error_print("%s: unable to open %s, errno %d (%s)\n", __func__, path.text, error,
-                    strerror(error));
-        return 0;
-    }
-    char line[128] = "";
-    if (!fgets(line, sizeof line, file.get()) && ferror(file.get())) {
-        const int error = errno;
-        error_print("%s: failed to read %s, errno %d (%s)\n", __func__, path.text, error,
-                    strerror(error));
-        return 0;
-    }
-    if (line[0] == '\0')
-        return 0;
-    line[strcspn(line, "\n")] = '\0';
-    snprintf(mac, static_cast<size_t>(mac_size), "%s", line);
-    return 1;
 }
 
 } // namespace zorvik

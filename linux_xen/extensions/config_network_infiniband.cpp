@@ -1,7 +1,12 @@
+// The Infiniband element: interfaces and their adapters' ports.
 #include <cerrno>
 #include <cstring>
 
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
 #include "config_network_internal.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {

@@ -1,3 +1,4 @@
+// What the physical layer of a device knows: by MII, by ethtool, and what wakes it up.
 #include <cerrno>
 #include <cstring>
 #include <linux/ethtool.h>
@@ -6,7 +7,11 @@
 #include <span>
 #include <sys/ioctl.h>
 
+#include "agent_common.h"
+#include "agent_handles.h"
+#include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_query.h"
 
 namespace zorvik
 {

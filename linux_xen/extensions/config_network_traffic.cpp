@@ -1,9 +1,15 @@
+// The Network element of the status document: packets and bytes.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 
-#include "config_network_internal.h"
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
+#include "config_network.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {
@@ -59,21 +65,10 @@ int send_counter(int indent, const char *directory, const char *name)
     return conn_send_lines(256, 0, "</%s>\n", name);
 }
 
-} // namespace
-
-int network_status(int indent, int onlyMinimum)
-{
-    const unique_directory interfaces{opendir(net_class)};
-    if (!interfaces)
-        return error_errno(__func__, errno, "unable to open '%s'", net_class);
-    conn_send_start("Network", indent);
-    while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
-        if (is_reported(name))
-            if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
-                return conn_close_early("Network", indent, status);
-    return conn_send_end("Network", indent);
-}
-
+/**
+ * Writes the counters of one interface as a Device of the status document, in the minimal form.
+ * Returns 0, EINVAL, the errno of statistics that cannot be opened, or the error of an append.
+ */
 int show_dev_stats(int indent, const char *name, int)
 {
     if (indent < 0 || !name)
@@ -91,6 +86,21 @@ int show_dev_stats(int indent, const char *name, int)
     return conn_send_lines(256, indent,
                            "  </Statistics>\n"
                            "</Device>\n");
+}
+
+} // namespace
+
+int network_status(int indent, int onlyMinimum)
+{
+    const unique_directory interfaces{opendir(net_class)};
+    if (!interfaces)
+        return error_errno(__func__, errno, "unable to open '%s'", net_class);
+    conn_send_start("Network", indent);
+    while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
+        if (is_reported(name))
+            if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
+                return conn_close_early("Network", indent, status);
+    return conn_send_end("Network", indent);
 }
 
 } // namespace zorvik

@@ -1,3 +1,4 @@
+// The SCSI element: the counters of Fibre Channel ports.
 #include "config_scsi.h"
 
 #include <cerrno>
@@ -5,7 +6,10 @@
 #include <cstring>
 #include <fcntl.h>
 
+#include "agent_common.h"
+#include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_text.h"
 
 namespace zorvik
 {

@@ -1,20 +1,15 @@
-#include "agent_common.h"
+// Text utilities, and the dump of bytes for debug lines.
+#include "agent_text.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
-#include "agent_handles.h"
+#include "agent_common.h"
 
 namespace zorvik
 {
-
-bool path_exists(const char *path)
-{
-    struct stat status;
-    return stat(path, &status) == 0;
-}
 
 size_t trimmed_length(const char *text, size_t length)
 {
@@ -26,16 +21,6 @@ size_t trimmed_length(const char *text, size_t length)
 bool has_prefix(const char *text, const char *prefix)
 {
     return strncmp(text, prefix, strlen(prefix)) == 0;
-}
-
-const char *next_entry(DIR *directory, unsigned int kinds)
-{
-    while (const struct dirent *entry = readdir(directory)) {
-        const unsigned int kind = 1U << entry->d_type;
-        if ((kinds & kind) && (entry->d_name[0] != '.' || (kinds & ENTRY_DOTTED)))
-            return entry->d_name;
-    }
-    return nullptr;
 }
 
 char *string_trim(const char *string)

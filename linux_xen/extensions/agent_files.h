@@ -1,0 +1,49 @@
+/**
+ * Paths, small files and directories of the kernel's.
+ */
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <dirent.h>
+#include <sys/types.h>
+
+#include "agent_common.h"
+
+namespace zorvik
+{
+
+/** A path built from a printf format, cut at `Size` - 1 characters. */
+template <size_t Size> struct path_t {
+    char text[Size];
+
+    explicit path_t(const char *format, ...) PRINTF_FORMAT(2, 3)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        vsnprintf(text, Size, format, arguments);
+        va_end(arguments);
+    }
+};
+
+/** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
+bool path_exists(const char *path);
+
+/** What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
+ */
+enum entry_kinds : unsigned int {
+    ENTRY_DIRECTORY = 1U << DT_DIR,
+    ENTRY_FILE = 1U << DT_REG,
+    ENTRY_LINK = 1U << DT_LNK,
+    ENTRY_ANY = 0xFFFF,
+    ENTRY_OTHER_THAN_DIRECTORY = ENTRY_ANY & ~ENTRY_DIRECTORY,
+    ENTRY_DOTTED = 1U << 16
+};
+
+/**
+ * The name of the next entry of one of the `kinds`, in the order the directory yields them.
+ * Valid until the next call; null at the end.
+ */
+const char *next_entry(DIR *directory, unsigned int kinds);
+
+} // namespace zorvik

@@ -1,0 +1,68 @@
+// Attributes of network interfaces, as the kernel's files tell them.
+#include "config_network_sysfs.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "agent_common.h"
+#include "agent_files.h"
+#include "agent_handles.h"
+#include "agent_text.h"
+
+namespace zorvik
+{
+
+int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
+{
+    if (!dev_name || !mac || mac_size < 1) {
+        error_invalid_arguments(__func__);
+        return 0;
+    }
+    const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
+    const unique_stream file{fopen(path.text, "re")};
+    if (!file) {
+        const int error = errno;
+        error_print("%s: unable to open %s, errno %d (%s)\n", __func__, path.text, error,
+                    strerror(error));
+        return 0;
+    }
+    char line[128] = "";
+    if (!fgets(line, sizeof line, file.get()) && ferror(file.get())) {
+        const int error = errno;
+        error_print("%s: failed to read %s, errno %d (%s)\n", __func__, path.text, error,
+                    strerror(error));
+        return 0;
+    }
+    if (line[0] == '\0')
+        return 0;
+    line[strcspn(line, "\n")] = '\0';
+    snprintf(mac, static_cast<size_t>(mac_size), "%s", line);
+    return 1;
+}
+
+void send_attribute(const attribute_kind_t &kind, const char *path, const char *element, int indent)
+{
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    if (!file) {
+        const int error = errno;
+        if (error != EACCES && error != kind.missing)
+            error_errno(kind.function, error, "unable to open '%s'", path);
+        return;
+    }
+    conn_send_lines(128, indent, "<%s>", element);
+    char chunk[1024 + 1];
+    ssize_t length;
+    while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
+        chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
+        const char *text = kind.text(chunk);
+        conn_send2(text, static_cast<int>(strlen(text)));
+    }
+    const int error = errno;
+    if (length < 0 && error != EINVAL)
+        error_errno(kind.function, error, "read failed on '%s'", path);
+    conn_send_lines(128, 0, "</%s>\n", element);
+}
+
+} // namespace zorvik

@@ -1,0 +1,38 @@
+/**
+ * The kernel's entries of network interfaces below /sys/class/net, and their attributes.
+ */
+#pragma once
+
+#include <cstddef>
+
+namespace zorvik
+{
+
+/** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
+inline constexpr char net_class[] = "/sys/class/net/";
+
+/**
+ * Copies the kernel's text of a device's hardware address into `mac`, a buffer of `mac_size` bytes.
+ * Returns 1, or 0 when there is none.
+ */
+int get_device_mac_addr(const char *dev_name, char *mac, int mac_size);
+
+/** How a sysfs attribute is read and reported. */
+struct attribute_kind_t {
+    const char *function; // whose name the log lines bear
+    int missing;          // the errno of an open that, like EACCES, is not worth a log line
+    size_t chunk;         // bytes read at once, at most 1024; each chunk loses its trailing blanks
+    const char *(*text)(const char *chunk); // the part of a chunk that is reported
+};
+
+/** A chunk as it is. */
+inline const char *whole_chunk(const char *chunk)
+{
+    return chunk;
+}
+
+/** Writes the file at `path` as one element, unescaped; one that cannot be opened is left out. */
+void send_attribute(const attribute_kind_t &kind, const char *path, const char *element,
+                    int indent);
+
+} // namespace zorvik
