@@ -177,7 +177,7 @@ unique_reply record_request(int fd, std::vector<unsigned char> bytes, size_t off
     return reply;
 }
 
-void record_domain(xc_interface *handle, xc_dominfo_t info)
+void record_domain(xc_interface_core *handle, domain_t info)
 {
     if (masking && is_valid_uuid(info.handle, sizeof info.handle))
         mask_bytes(info.handle, sizeof info.handle, ':');
@@ -190,8 +190,8 @@ void record_domain(xc_interface *handle, xc_dominfo_t info)
     printf("state%s%s%s%s%s%s\n", info.dying ? " dying" : "", info.crashed ? " crashed" : "",
            info.shutdown ? " shutdown" : "", info.paused ? " paused" : "",
            info.blocked ? " blocked" : "", info.running ? " running" : "");
-    struct xen_domctl_sched_credit share = {};
-    if (xc_sched_credit_domain_get(handle, info.domid, &share) == 0)
+    credit_share_t share;
+    if (get_credit_share(handle, info.domid, &share) == 0)
         printf("credit %u %u\n", share.weight, share.cap);
 }
 
@@ -304,12 +304,12 @@ void record_hypervisor()
     if (!handle)
         return record_failure("open !");
     int scheduler = 0;
-    if (xc_sched_id(handle.get(), &scheduler) == 0)
+    if (get_scheduler(handle.get(), &scheduler) == 0)
         printf("scheduler %d\n", scheduler);
     else
         record_failure("scheduler !");
-    xc_physinfo_t info = {};
-    if (xc_physinfo(handle.get(), &info) != 0)
+    host_t info;
+    if (get_host(handle.get(), &info) != 0)
         record_failure("physinfo !");
     printf("threads_per_core %u\ncores_per_socket %u\nnr_cpus %u\nnr_nodes %u\ncpu_khz %u\n"
            "total_pages %lu\nfree_pages %lu\nscrub_pages %lu\nhw_cap",
@@ -317,10 +317,10 @@ void record_hypervisor()
            info.total_pages, info.free_pages, info.scrub_pages);
     for (const uint32_t word : info.hw_cap)
         printf(" %08x", word);
-    xc_dominfo_t domain = {};
+    domain_t domain;
     printf("\n");
-    if (xc_domain_getinfo(handle.get(), 0, 1, &domain) < 1)
+    if (get_domain_from(handle.get(), 0, &domain) < 1)
         record_failure("getinfo !");
     for_each_domain(handle.get(),
-                    [&](const xc_dominfo_t &found) { record_domain(handle.get(), found); });
+                    [&](const domain_t &found) { record_domain(handle.get(), found); });
 }

@@ -30,10 +30,10 @@ namespace
 
 constexpr size_t text_bytes = 2048;
 
-void send_physical_info(const xc_physinfo_t &info)
+void send_physical_info(const host_t &host)
 {
     const topology_t topology =
-        derive_topology(info.threads_per_core, info.cores_per_socket, info.nr_nodes, info.nr_cpus);
+        derive_topology(host.threads_per_core, host.cores_per_socket, host.nr_nodes, host.nr_cpus);
     conn_send_start("PhysicalInfo", 6);
     conn_send_lines(text_bytes, 8,
                     "<ThreadsPerCore>%u</ThreadsPerCore>\n"
@@ -43,11 +43,11 @@ void send_physical_info(const xc_physinfo_t &info)
                     "<CPUKHz>%u</CPUKHz>\n"
                     "<TotalPages>%lu</TotalPages>\n"
                     "<FreePages>%lu</FreePages>\n",
-                    info.threads_per_core, info.cores_per_socket, topology.sockets_per_node,
-                    topology.nodes, info.cpu_khz, info.total_pages, info.free_pages);
+                    host.threads_per_core, host.cores_per_socket, topology.sockets_per_node,
+                    topology.nodes, host.cpu_khz, host.total_pages, host.free_pages);
     conn_send_start("HW_Caps", 8);
-    for (int i = 0; i < static_cast<int>(std::size(info.hw_cap)); i++)
-        conn_send_lines(text_bytes, 10, "<Item_%d>0x%08x</Item_%d>\n", i, info.hw_cap[i], i);
+    for (int i = 0; i < static_cast<int>(std::size(host.hw_cap)); i++)
+        conn_send_lines(text_bytes, 10, "<Item_%d>0x%08x</Item_%d>\n", i, host.hw_cap[i], i);
     conn_send_end("HW_Caps", 8);
     conn_send_end("PhysicalInfo", 6);
 }
@@ -64,12 +64,12 @@ void send_discover()
         return;
 
     conn_send_start("VMM", 4);
-    xc_physinfo_t info = {};
-    if (const int status = xc_physinfo(hypervisor.get(), &info)) {
+    host_t host;
+    if (const int status = get_host(hypervisor.get(), &host)) {
         error_errno(__func__, errno, "xc_physinfo failed, sts %d", status);
         return;
     }
-    send_physical_info(info);
+    send_physical_info(host);
     conn_send_end("VMM", 4);
 
     config_send_cpuinfo(4);

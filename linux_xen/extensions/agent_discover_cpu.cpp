@@ -108,8 +108,8 @@ void show_proc_cpuinfo(int indent)
     const unique_hypervisor hypervisor = open_hypervisor(__func__);
     if (!hypervisor)
         return;
-    xc_dominfo_t domain = {};
-    if (const int count = xc_domain_getinfo(hypervisor.get(), 0, 1, &domain); count < 1) {
+    domain_t domain;
+    if (const int count = get_domain_from(hypervisor.get(), 0, &domain); count < 1) {
         error_print("? %s: unable to get domain 0 info, status %d\n", __func__, count);
         return;
     }

@@ -20,32 +20,32 @@ constexpr const char *shutdown_reasons[] = {"Poweroff", "Reboot", "Suspend", "Cr
 /** One bit of a domain's state, and the element that shows it. */
 struct domain_state_t {
     const char *name;
-    bool (*is_set)(const xc_dominfo_t &info);
+    bool domain_t::*is_set;
     bool has_reason = false;
 };
 
 constexpr domain_state_t domain_states[] = {
-    {"Dying", [](const xc_dominfo_t &info) -> bool { return info.dying; }},
-    {"Crashed", [](const xc_dominfo_t &info) -> bool { return info.crashed; }},
-    {"Shutdown", [](const xc_dominfo_t &info) -> bool { return info.shutdown; }, true},
-    {"Paused", [](const xc_dominfo_t &info) -> bool { return info.paused; }},
-    {"Blocked", [](const xc_dominfo_t &info) -> bool { return info.blocked; }},
-    {"Running", [](const xc_dominfo_t &info) -> bool { return info.running; }},
+    {"Dying", &domain_t::dying},
+    {"Crashed", &domain_t::crashed},
+    {"Shutdown", &domain_t::shutdown, true},
+    {"Paused", &domain_t::paused},
+    {"Blocked", &domain_t::blocked},
+    {"Running", &domain_t::running},
 };
 
-int send_state(int indent, const xc_dominfo_t &info)
+int send_state(int indent, const domain_t &domain)
 {
     conn_send_start("State", indent);
     const int child = indent + 2;
     bool ready = true;
     for (const domain_state_t &state : domain_states) {
-        if (!state.is_set(info))
+        if (!(domain.*state.is_set))
             continue;
         ready = false;
         if (state.has_reason) {
             conn_send_start(state.name, child);
             conn_send_XML_string("Reason", child + 2,
-                                 shutdown_reason(static_cast<int>(info.shutdown_reason)));
+                                 shutdown_reason(static_cast<int>(domain.shutdown_reason)));
             conn_send_end(state.name, child);
         } else {
             conn_send_lines(256, child, "<%s />\n", state.name);
@@ -56,26 +56,27 @@ int send_state(int indent, const xc_dominfo_t &info)
     return conn_send_end("State", indent);
 }
 
-void send_domain(int indent, const xc_dominfo_t &info)
+void send_domain(int indent, const domain_t &domain)
 {
     const int child = indent + 2;
-    conn_send_lines(256, indent, "<Domain Id=\"%d\">\n", static_cast<int>(info.domid));
+    conn_send_lines(256, indent, "<Domain Id=\"%d\">\n", static_cast<int>(domain.domid));
     char handle[UUID_STR_LEN];
-    uuid_unparse(info.handle, handle);
+    uuid_unparse(domain.handle, handle);
     conn_send_XML_string("Handle", child, handle);
+    constexpr int pages_group = 789; // the name of this group of lines in the log
     char text[1024];
     const int length =
         snprintf(text, sizeof text,
                  "%-*s<SSIDRef>%d</SSIDRef>\n%-*s<Pages>%lu</Pages>\n"
                  "%-*s<SharedInfoFrame>0x%lx</SharedInfoFrame>\n%-*s<MaxMemKB>%lu</MaxMemKB>\n"
                  "%-*s<CPUTime>%lu</CPUTime>\n",
-                 child, "", static_cast<int>(info.ssidref), child, "", info.nr_pages, child, "",
-                 info.shared_info_frame, child, "", info.max_memkb, child, "", info.cpu_time);
+                 child, "", static_cast<int>(domain.ssidref), child, "", domain.nr_pages, child, "",
+                 domain.shared_info_frame, child, "", domain.max_memkb, child, "", domain.cpu_time);
     if (length > static_cast<int>(sizeof text) - 1)
         error_print("? %s: [%d] string too short %d bytes written, %zd desired\n",
-                    "send_Domain_Info", 789, length, static_cast<ssize_t>(sizeof text));
+                    "send_Domain_Info", pages_group, length, static_cast<ssize_t>(sizeof text));
     conn_send2(text, std::min(length, static_cast<int>(sizeof text) - 1));
-    send_state(child, info);
+    send_state(child, domain);
     conn_send_end("Domain", indent);
 }
 
@@ -86,18 +87,12 @@ void log_schedule(const char *scheduler, int domid, int status)
                 scheduler, domid, status);
 }
 
-void send_sedf(xc_interface *handle, int indent, uint32_t domid)
+void send_sedf(xc_interface_core *handle, int indent, uint32_t domid)
 {
-    uint64_t period = 0, slice = 0, latency = 0;
-    uint16_t extratime = 0, weight = 0;
+    sedf_share_t share;
     const int id = static_cast<int>(domid);
-    const int status = xc_sedf_domain_get ? xc_sedf_domain_get(handle, domid, &period, &slice,
-                                                               &latency, &extratime, &weight)
-                                          : -1;
-    if (status != 0) {
-        log_schedule("SEDF", id, status);
-        return;
-    }
+    if (const int status = get_sedf_share(handle, domid, &share))
+        return log_schedule("SEDF", id, status);
     conn_send_lines(256, indent,
                     "<Domain Id=\"%d\">\n"
                     "  <Period>%lu</Period>\n"
@@ -106,30 +101,28 @@ void send_sedf(xc_interface *handle, int indent, uint32_t domid)
                     "  <Extratime>%hu</Extratime>\n"
                     "  <Weight>%hu</Weight>\n"
                     "</Domain>\n",
-                    id, period, slice, latency, extratime, weight);
+                    id, share.period, share.slice, share.latency, share.extratime, share.weight);
 }
 
-void send_credit(xc_interface *handle, int indent, uint32_t domid)
+void send_credit(xc_interface_core *handle, int indent, uint32_t domid)
 {
-    struct xen_domctl_sched_credit credit = {};
+    credit_share_t share;
     const int id = static_cast<int>(domid);
-    if (const int status = xc_sched_credit_domain_get(handle, domid, &credit)) {
-        log_schedule("CREDIT", id, status);
-        return;
-    }
+    if (const int status = get_credit_share(handle, domid, &share))
+        return log_schedule("CREDIT", id, status);
     conn_send_lines(256, indent,
                     "<Domain Id=\"%d\">\n"
                     "  <Weight>%hu</Weight>\n"
                     "  <Cap>%hu</Cap>\n"
                     "</Domain>\n",
-                    id, credit.weight, credit.cap);
+                    id, share.weight, share.cap);
 }
 
 /** The hypervisor's number of a scheduler, and what tells a domain's share under it. */
 struct scheduler_t {
     int id;
     const char *name;
-    void (*send)(xc_interface *handle, int indent, uint32_t domid);
+    void (*send)(xc_interface_core *handle, int indent, uint32_t domid);
 };
 
 constexpr scheduler_t schedulers[] = {
@@ -137,7 +130,7 @@ constexpr scheduler_t schedulers[] = {
     {5, "credit", send_credit},
 };
 
-constexpr scheduler_t unknown_scheduler = {0, "unknown", [](xc_interface *, int, uint32_t) {}};
+constexpr scheduler_t unknown_scheduler = {0, "unknown", [](xc_interface_core *, int, uint32_t) {}};
 
 const scheduler_t &find_scheduler(int id)
 {
@@ -163,7 +156,7 @@ int send_Domain_Info(int indent)
         return errno;
     if (const int status = conn_send_start("Domains", indent))
         return status;
-    for_each_domain(handle.get(), [=](const xc_dominfo_t &info) { send_domain(indent + 2, info); });
+    for_each_domain(handle.get(), [=](const domain_t &domain) { send_domain(indent + 2, domain); });
     return conn_send_end("Domains", indent);
 }
 
@@ -173,14 +166,14 @@ int send_scheduler(int indent)
     if (!handle)
         return errno;
     int id = 0;
-    if (const int status = xc_sched_id(handle.get(), &id)) {
+    if (const int status = get_scheduler(handle.get(), &id)) {
         error_print("? %s: failed to get sched type, sts %d\n", __func__, status);
         return status;
     }
     const scheduler_t &scheduler = find_scheduler(id);
     conn_send_lines(256, indent, "<Scheduler Type=\"%s\" Index=\"%d\" >\n", scheduler.name, id);
-    for_each_domain(handle.get(), [&](const xc_dominfo_t &info) {
-        scheduler.send(handle.get(), indent + 2, info.domid);
+    for_each_domain(handle.get(), [&](const domain_t &domain) {
+        scheduler.send(handle.get(), indent + 2, domain.domid);
     });
     return conn_send_end("Scheduler", indent);
 }

@@ -99,17 +99,17 @@ int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *contents)
     if (!contents)
         return error_invalid_arguments(__func__);
     *contents = {};
-    unique_hypervisor handle{xc_interface_open(nullptr, nullptr, 0)};
+    unique_hypervisor handle = open_hypervisor();
     if (!handle)
         return errno;
-    xc_physinfo_t physinfo = {};
-    const int status = xc_physinfo(handle.get(), &physinfo);
+    host_t host;
+    const int status = get_host(handle.get(), &host);
     const int error = errno;
     handle.reset();
     errno = error;
     if (status == 0)
-        *contents = {physinfo.total_pages * kb_per_page, physinfo.free_pages * kb_per_page,
-                     physinfo.scrub_pages * kb_per_page};
+        *contents = {host.total_pages * kb_per_page, host.free_pages * kb_per_page,
+                     host.scrub_pages * kb_per_page};
     return status;
 }
 

@@ -6,7 +6,14 @@
 #include <sstream>
 #include <uuid/uuid.h>
 
-#include "agent_hypervisor.h"
+extern "C" {
+
+#include <xenctrl.h>
+
+// Left the library with Xen 4.6.
+int xc_sedf_domain_get(xc_interface *handle, uint32_t id, uint64_t *period, uint64_t *slice,
+                       uint64_t *latency, uint16_t *extratime, uint16_t *weight);
+}
 
 using namespace simhost;
 
