@@ -28,10 +28,9 @@ using namespace zorvik;
 namespace
 {
 
-/** A request to a network device, and its answer. */
+/** The socket with the answer to a request, and what an ethtool command was answered with. */
 struct exchange_t {
-    int fd;
-    struct ifreq request;
+    query_socket_t queries;
     union {
         uint32_t command;
         struct ethtool_value value;
@@ -40,27 +39,24 @@ struct exchange_t {
     } ethtool;
 };
 
-std::string inet_address(const exchange_t &exchange)
+std::string inet_address(exchange_t &to)
 {
-    char text[INET_ADDRSTRLEN] = "";
-    format_inet(exchange.request, text, sizeof text, __func__);
-    return mask_text(text);
+    return mask_text(to.queries.inet().text);
 }
 
 /** The registers of the PHY that was answered about; the status register is read twice. */
-std::string mii_registers(const exchange_t &exchange)
+std::string mii_registers(exchange_t &to)
 {
     std::string words;
     uint16_t first = 0;
-    struct ifreq request = exchange.request;
     struct mii_ioctl_data data;
-    memcpy(&data, &request.ifr_ifru, sizeof data);
     for (int number = -1; number < 16; number++) {
+        memcpy(&data, &to.queries.answer.ifr_ifru, sizeof data);
         data.reg_num = static_cast<uint16_t>(number < 0 ? MII_BMSR : number);
-        memcpy(&request.ifr_ifru, &data, sizeof data);
-        if (ioctl(exchange.fd, SIOCGMIIREG, &request) < 0)
-            return format("!%s", error_name(errno)); // the module wants all of them
-        memcpy(&data, &request.ifr_ifru, sizeof data);
+        memcpy(&to.queries.answer.ifr_ifru, &data, sizeof data);
+        if (const int error = to.queries.ask_again(SIOCGMIIREG))
+            return format("!%s", error_name(error)); // the module wants all of them
+        memcpy(&data, &to.queries.answer.ifr_ifru, sizeof data);
         if (number < 0)
             first = data.val_out;
         else
@@ -75,30 +71,30 @@ struct question_t {
     unsigned long request;
     uint32_t command; // of SIOCETHTOOL
     int missing;
-    std::string (*text)(const exchange_t &exchange);
+    std::string (*text)(exchange_t &to);
 };
 
 constexpr question_t questions[] = {
     {"hwaddr", SIOCGIFHWADDR, 0, ENODEV,
-     [](const exchange_t &to) { return mask_text(format_mac(to.request).text); }},
+     [](exchange_t &to) { return mask_text(to.queries.mac().text); }},
     {"address", SIOCGIFADDR, 0, EADDRNOTAVAIL, inet_address},
     {"netmask", SIOCGIFNETMASK, 0, EADDRNOTAVAIL, inet_address},
     {"broadcast", SIOCGIFBRDADDR, 0, EADDRNOTAVAIL, inet_address},
     {"flags", SIOCGIFFLAGS, 0, ENODEV,
-     [](const exchange_t &to) { return format("0x%hx", to.request.ifr_flags); }},
+     [](exchange_t &to) { return format("0x%hx", to.queries.answer.ifr_flags); }},
     {"mtu", SIOCGIFMTU, 0, ENODEV,
-     [](const exchange_t &to) { return format("%d", to.request.ifr_mtu); }},
+     [](exchange_t &to) { return format("%d", to.queries.answer.ifr_mtu); }},
     {"mii", SIOCGMIIPHY, 0, EOPNOTSUPP, mii_registers},
     {"glink", SIOCETHTOOL, ETHTOOL_GLINK, EOPNOTSUPP,
-     [](const exchange_t &to) { return format("%u", to.ethtool.value.data); }},
+     [](exchange_t &to) { return format("%u", to.ethtool.value.data); }},
     {"gset", SIOCETHTOOL, ETHTOOL_GSET, EOPNOTSUPP,
-     [](const exchange_t &to) {
+     [](exchange_t &to) {
          const struct ethtool_cmd &settings = to.ethtool.settings;
          return format("%x %x %u %u %u", settings.supported, settings.advertising, settings.speed,
                        settings.duplex, settings.autoneg);
      }},
     {"gwol", SIOCETHTOOL, ETHTOOL_GWOL, EOPNOTSUPP,
-     [](const exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
+     [](exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
 };
 
 /** Puts a stand-in in place of an address or identifier, written with the separator "." or ":". */
@@ -214,17 +210,17 @@ const std::set<std::string> &interface_names()
 
 void record_interfaces()
 {
-    const unique_fd queries{open_query_socket()};
+    exchange_t exchange = {};
     for (const std::string &name : interface_names()) {
         printf("=== [interface %s]\n", mask_name(name).c_str());
         for (const question_t &question : questions) {
-            exchange_t exchange = {queries.fd, interface_request(name.c_str()), {}};
-            exchange.ethtool.command = question.command;
-            if (question.request == SIOCETHTOOL)
-                exchange.request.ifr_data = reinterpret_cast<char *>(&exchange.ethtool);
-            if (ioctl(queries.fd, question.request, &exchange.request) >= 0)
+            exchange.ethtool = {.command = question.command};
+            const int error = question.request == SIOCETHTOOL
+                                  ? exchange.queries.ethtool(name.c_str(), &exchange.ethtool)
+                                  : exchange.queries.ask(name.c_str(), question.request);
+            if (error == 0)
                 printf("%s %s\n", question.key, question.text(exchange).c_str());
-            else if (const int error = errno; error != question.missing)
+            else if (error != question.missing)
                 printf("%s !%s\n", question.key, error_name(error));
         }
     }

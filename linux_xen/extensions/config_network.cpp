@@ -10,6 +10,7 @@
 #include "agent_handles.h"
 #include "agent_text.h"
 #include "config_network_internal.h"
+#include "config_network_link.h"
 #include "config_network_query.h"
 #include "config_network_sysfs.h"
 
@@ -57,47 +58,28 @@ void vlan_info(int indent, const char *name)
                     static_cast<int>(digits), dot + 1, static_cast<int>(base), name);
 }
 
-void send_mac(int fd, int indent, const char *name, const char *function)
+void send_mac(query_socket_t &queries, int indent, const char *name)
 {
     char mac[128];
-    struct ifreq answer;
-    if (get_device_mac_addr(name, mac, sizeof mac))
-        conn_send_lines(128, indent, "<MAC>%s</MAC>\n", mac);
-    else if (query_device(function, fd, SIOCGIFHWADDR, name, "MAC", &answer))
-        conn_send_lines(128, indent, "<MAC>%s</MAC>\n", format_mac(answer).text);
+    if (!get_device_mac_addr(name, mac, sizeof mac)) {
+        if (!query_device("show_dev_info", queries, name, SIOCGIFHWADDR, "MAC"))
+            return;
+        snprintf(mac, sizeof mac, "%s", queries.mac().text);
+    }
+    conn_send_lines(128, indent, "<MAC>%s</MAC>\n", mac);
 }
 
 /** Writes the hardware address and the flags of a device. */
-void show_dev_info(int indent, const char *name)
+void show_dev_info(query_socket_t &queries, int indent, const char *name)
 {
-    const unique_fd queries{open_query_socket()};
-    if (!queries) {
-        error_unable_to_open_socket(__func__, errno);
-        return;
-    }
-    send_mac(queries.fd, indent, name, __func__);
-    struct ifreq answer;
-    if (!query_device(__func__, queries.fd, SIOCGIFFLAGS, name, "flags", &answer))
+    send_mac(queries, indent, name);
+    if (!query_device(__func__, queries, name, SIOCGIFFLAGS, "flags"))
         return;
     // The kernel's field is signed, and so is its way into the wider word.
-    const int flags = answer.ifr_flags;
+    const int flags = queries.answer.ifr_flags;
     const unique_text text{flag_string(static_cast<unsigned int>(flags), iffFlags)};
     if (text)
         conn_send_XML_string("Flags", indent, text.get());
-}
-
-/** Writes what the physical layer of a device knows, by MII or else by ethtool, and its WOL. */
-void show_link_layer(int indent, const char *name)
-{
-    constexpr char function[] = "config_show_network";
-    if (!path_exists(path_t<512>("%s/%s/device", net_class, name).text))
-        return;
-    if (show_dev_mii_info(indent, name) != 0) {
-        debug_at(3, "%% %s: device '%s' has no MII calling ethtool\n", function, name);
-        if (show_dev_ethtool_info(indent, name) != 0)
-            error_print("? %s: unable to read device '%s' info\n", function, name);
-    }
-    show_dev_ethtool_wol(indent, name);
 }
 
 /** Writes a Family element; only `address` has to be there. */
@@ -162,15 +144,15 @@ void show_sysfs(int indent, const char *name)
     conn_send_end("SysFS", indent);
 }
 
-void show_device(int indent, const eth_device_t *device)
+void show_device(query_socket_t &queries, int indent, const eth_device_t *device)
 {
     const char *name = device->device_name;
     conn_send_lines(512, indent, "<Device Name=\"%s\">\n", name);
     if (has_prefix(name, "qcn") && !strchr(name, '.'))
         conn_send_XML_string("CloudNet", indent + 2, "1");
     vlan_info(indent + 2, name);
-    show_dev_info(indent + 4, name);
-    show_link_layer(indent + 4, name);
+    show_dev_info(queries, indent + 4, name);
+    show_link_layer(queries, indent + 4, name);
     show_addresses(indent + 4, device);
     show_sysfs(indent + 4, name);
     conn_send_end("Device", indent);
@@ -180,13 +162,14 @@ void show_device(int indent, const eth_device_t *device)
 
 int config_show_network(int indent)
 {
+    query_socket_t queries;
     device_list_t devices;
-    if (const int status = get_network_device_list(&devices.head))
+    if (const int status = list_network_devices(queries, &devices.head))
         return status;
     conn_send_start("Network", indent);
     while (const unique_device device = devices.take_first())
         if (device->device_name)
-            show_device(indent + 2, device.get());
+            show_device(queries, indent + 2, device.get());
     conn_send_end("Network", indent);
     return 0;
 }

@@ -15,6 +15,8 @@ namespace zorvik
 namespace
 {
 
+constexpr char log_name[] = "show_addr_info";
+
 struct address_line_t {
     unsigned long request;
     const char *element;
@@ -28,25 +30,23 @@ constexpr address_line_t address_lines[] = {
 };
 
 /** Writes the lines of an address block, up to the first that cannot be had. */
-void send_address_lines(int fd, int indent, const char *name, int mtu, const char *function)
+void send_address_lines(query_socket_t &queries, int indent, const char *name, int mtu)
 {
     char text[256] = "";
-    struct ifreq answer;
     if (!get_device_mac_addr(name, text, sizeof text) &&
-        query_device(function, fd, SIOCGIFHWADDR, name, "MAC", &answer))
-        snprintf(text, sizeof text, "%s", format_mac(answer).text);
+        query_device(log_name, queries, name, SIOCGIFHWADDR, "MAC"))
+        snprintf(text, sizeof text, "%s", queries.mac().text);
     conn_send_XML_string("MAC", indent, text);
     if (mtu) {
-        if (!query_device(function, fd, SIOCGIFMTU, name, "mtu", &answer))
+        if (!query_device(log_name, queries, name, SIOCGIFMTU, "mtu"))
             return;
-        snprintf(text, sizeof text, "%d", answer.ifr_mtu);
+        snprintf(text, sizeof text, "%d", queries.answer.ifr_mtu);
         conn_send_XML_string("mtu", indent, text);
     }
     for (const address_line_t &line : address_lines) {
-        if (!query_device(function, fd, line.request, name, "address", &answer) ||
-            !format_inet(answer, text, sizeof text, function))
+        if (!query_device(log_name, queries, name, line.request, "address"))
             return;
-        conn_send_XML_string(line.element, indent, text);
+        conn_send_XML_string(line.element, indent, queries.inet().text);
     }
 }
 
@@ -54,11 +54,11 @@ void send_address_lines(int fd, int indent, const char *name, int mtu, const cha
 
 int show_addr_info(int indent, const char *name, int mtu)
 {
-    const unique_fd queries{open_query_socket()};
-    if (!queries)
-        return error_unable_to_open_socket(__func__, errno);
+    query_socket_t queries;
+    if (queries.error)
+        return error_errno(log_name, queries.error, "unable to open socket");
     conn_send_start(family_start, indent);
-    send_address_lines(queries.fd, indent + 2, name, mtu, __func__);
+    send_address_lines(queries, indent + 2, name, mtu);
     conn_send_end("Family", indent);
     return 0;
 }

@@ -48,8 +48,7 @@ constexpr address_query_t address_queries[] = {
     {SIOCGIFNETMASK, &eth_device_t::inet_mask, "mask"},
 };
 
-// The steps of get_network_device_list() speak in its name.
-constexpr char lister[] = "get_network_device_list";
+constexpr char log_name[] = "get_network_device_list";
 
 /** Whether one of the virtual-NIC drivers lists the device. */
 bool check_vantix_device(const char *devName)
@@ -59,32 +58,28 @@ bool check_vantix_device(const char *devName)
 }
 
 /** Fills in the device's addresses up to the first that cannot be had. */
-void query_addresses(int fd, eth_device_t *eth)
+void query_addresses(query_socket_t &queries, eth_device_t *eth)
 {
-    struct ifreq answer;
-    if (!query_device(lister, fd, SIOCGIFHWADDR, eth->device_name, "MAC", &answer))
+    if (!query_device(log_name, queries, eth->device_name, SIOCGIFHWADDR, "MAC"))
         return;
-    eth->hw_addr = strdup(format_mac(answer).text);
+    eth->hw_addr = strdup(queries.mac().text);
     if (!eth->hw_addr)
         return;
     for (const address_query_t &query : address_queries) {
-        if (!query_device(lister, fd, query.request, eth->device_name, query.what, &answer))
+        if (!query_device(log_name, queries, eth->device_name, query.request, query.what))
             return;
-        char text[64];
-        if (!format_inet(answer, text, sizeof text, lister))
-            return;
-        eth->*query.field = strdup(text);
+        eth->*query.field = strdup(queries.inet().text);
         if (!(eth->*query.field))
             return;
     }
 }
 
 /** Lists the device that a line of the kernel's table is about, if it is one to report. */
-int list_device(int fd, const char *name_field, eth_header_t *hdr)
+int list_device(query_socket_t &queries, const char *name_field, eth_header_t *hdr)
 {
     unique_text name{string_trim(name_field)};
     if (!name) {
-        error_print("? %s: unable to strdup device name\n", lister);
+        error_print("? %s: unable to strdup device name\n", log_name);
         return ENOMEM;
     }
     if (!check_real_device(name.get()) && !check_vantix_device(name.get()))
@@ -93,39 +88,44 @@ int list_device(int fd, const char *name_field, eth_header_t *hdr)
         return 0;
     auto *eth = static_cast<eth_device_t *>(calloc(1, sizeof(eth_device_t)));
     if (!eth) {
-        error_print("? %s: failed to allocate eth device\n", lister);
+        error_print("? %s: failed to allocate eth device\n", log_name);
         return ENOMEM;
     }
     eth->device_name = name.release();
     insert_device_sorted(hdr, eth);
-    query_addresses(fd, eth);
+    query_addresses(queries, eth);
     return 0;
 }
 
 } // namespace
 
-int get_network_device_list(eth_header_t *hdr)
+int list_network_devices(query_socket_t &queries, eth_header_t *hdr)
 {
-    if (!hdr)
-        return error_invalid_arguments(__func__);
-    const unique_fd queries{open_query_socket()};
-    if (!queries)
-        return error_unable_to_open_socket(__func__, errno);
+    if (queries.error)
+        return error_errno(log_name, queries.error, "unable to open socket");
     const unique_stream table{fopen(device_table, "re")};
     if (!table)
-        return error_errno(__func__, errno, "unable to open %s", device_table);
+        return error_errno(log_name, errno, "unable to open %s", device_table);
     char line[256];
     while (fgets(line, sizeof line, table.get())) {
         char *colon = strchr(line, ':');
         if (!colon)
             continue;
         *colon = '\0';
-        if (const int status = list_device(queries.fd, line, hdr))
+        if (const int status = list_device(queries, line, hdr))
             return status;
     }
     if (ferror(table.get()))
-        return error_errno(__func__, errno, "error reading file");
+        return error_errno(log_name, errno, "error reading file");
     return 0;
+}
+
+int get_network_device_list(eth_header_t *hdr)
+{
+    if (!hdr)
+        return error_invalid_arguments(__func__);
+    query_socket_t queries;
+    return list_network_devices(queries, hdr);
 }
 
 void free_eth_device(eth_device_t *eth)

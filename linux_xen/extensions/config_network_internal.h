@@ -7,12 +7,16 @@
 #include <cstdint>
 
 #include "config_network.h"
+#include "config_network_query.h"
 
 namespace zorvik
 {
 
 /** What all blocks of IPv4 addresses begin with. */
 inline constexpr char family_start[] = "Family Type=\"AF_INET\"";
+
+/** Lists the devices worth reporting as get_network_device_list() does, over an open socket. */
+int list_network_devices(query_socket_t &queries, eth_header_t *hdr);
 
 /** 1 if `devName` is a device to report, else 0. */
 int check_real_device(const char *devName);
@@ -28,23 +32,6 @@ void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth);
  * `mtu` is not 0, and its IPv4 addresses. Returns 0, or the errno of a socket that did not open.
  */
 int show_addr_info(int indent, const char *name, int mtu);
-
-/**
- * Writes the MII element of a device from its PHY's registers (IEEE 802.3, clause 22).
- * Returns 0; or, with nothing written, ENODEV or another errno when there are none to be had, and
- * EINVAL when they are not to be trusted; or the error of an append.
- */
-int show_dev_mii_info(int indent, const char *devName);
-
-/**
- * Writes the ETHTOOL element of a device from its driver's settings.
- * Returns 0, EINVAL, ENODEV when the driver does not say, -1 without a socket, or the error of an
- * append.
- */
-int show_dev_ethtool_info(int indent, const char *devName);
-
-/** Writes the WOL element of a device, what wakes it up. */
-void show_dev_ethtool_wol(int indent, const char *devName);
 
 /** When a switch's tool that is started now for all bridges is to be through with them, in
  * milliseconds of the monotonic clock: in 5 seconds. */

@@ -5,8 +5,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <netinet/in.h>
+#include <linux/sockios.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include "agent_common.h"
 
@@ -20,28 +21,30 @@ struct ifreq interface_request(const char *name)
     return request;
 }
 
-int open_query_socket()
+query_socket_t::query_socket_t()
+    : socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), error(socket ? 0 : errno)
 {
-    return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 }
 
-int error_unable_to_open_socket(const char *function, int error)
+int query_socket_t::ask(const char *name, unsigned long request)
 {
-    error_errno(function, error, "unable to open socket");
-    return error;
+    answer = interface_request(name);
+    return ask_again(request);
 }
 
-bool query_device(const char *function, int fd, unsigned long request, const char *name,
-                  const char *what, struct ifreq *answer)
+int query_socket_t::ask_again(unsigned long request)
 {
-    *answer = interface_request(name);
-    if (ioctl(fd, request, answer) >= 0)
-        return true;
-    debug_errno(1, function, errno, "Failed to get device '%s' %s", name, what);
-    return false;
+    return ioctl(socket.fd, request, &answer) >= 0 ? 0 : errno;
 }
 
-mac_text_t format_mac(const struct ifreq &answer)
+int query_socket_t::ethtool(const char *name, void *command)
+{
+    answer = interface_request(name);
+    answer.ifr_data = static_cast<char *>(command);
+    return ask_again(SIOCETHTOOL);
+}
+
+mac_text_t query_socket_t::mac() const
 {
     unsigned char bytes[6];
     memcpy(bytes, answer.ifr_hwaddr.sa_data, sizeof bytes);
@@ -51,14 +54,22 @@ mac_text_t format_mac(const struct ifreq &answer)
     return mac;
 }
 
-bool format_inet(const struct ifreq &answer, char *text, socklen_t size, const char *function)
+inet_text_t query_socket_t::inet() const
 {
     struct sockaddr_in address;
     memcpy(&address, &answer.ifr_addr, sizeof address);
-    if (inet_ntop(AF_INET, &address.sin_addr, text, size))
-        return true;
-    error_errno(function, errno, "inet_ntop failed");
-    return false;
+    inet_text_t inet;
+    inet_ntop(AF_INET, &address.sin_addr, inet.text, sizeof inet.text);
+    return inet;
+}
+
+bool query_device(const char *log_name, query_socket_t &queries, const char *name,
+                  unsigned long request, const char *what)
+{
+    const int error = queries.ask(name, request);
+    if (error)
+        debug_errno(1, log_name, error, "Failed to get device '%s' %s", name, what);
+    return error == 0;
 }
 
 } // namespace zorvik
