@@ -6,10 +6,10 @@
 #include "agent_common.h"
 #include "agent_discover.h"
 #include "agent_discover_internal.h"
-#include "agent_files.h"
 #include "agent_handles.h"
 #include "agent_text.h"
 #include "config_network.h"
+#include "config_network_sysfs.h"
 
 namespace zorvik
 {
@@ -37,8 +37,7 @@ int generate_fallback_unique_id(uint8_t *uuid, int uuid_len)
         return status;
     int filled = 0;
     while (const unique_device device = devices.take_first()) {
-        const path_t<128> hardware("/sys/class/net/%s/device", device->device_name);
-        if (!path_exists(hardware.text) || filled >= uuid_len || !device->hw_addr)
+        if (!has_hardware(device->device_name) || filled >= uuid_len || !device->hw_addr)
             continue;
         uint8_t *bytes = uuid + filled;
         const int count = parse_hw_addr(device->hw_addr, bytes, uuid_len - filled);

@@ -1,7 +1,13 @@
 // Paths, small files and directories of the kernel's.
 #include "agent_files.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent_handles.h"
 
 namespace zorvik
 {
@@ -10,6 +16,56 @@ bool path_exists(const char *path)
 {
     struct stat status;
     return stat(path, &status) == 0;
+}
+
+unique_fd open_file(const char *path, int at)
+{
+    return unique_fd{openat(at, path, O_RDONLY | O_CLOEXEC)};
+}
+
+ssize_t read_once(int fd, char *text, size_t size)
+{
+    const ssize_t length = read(fd, text, size - 1);
+    text[std::max(length, ssize_t{0})] = '\0';
+    return length;
+}
+
+ssize_t read_up_to(int fd, char *text, size_t size)
+{
+    size_t length = 0;
+    text[0] = '\0';
+    while (length < size - 1) {
+        const ssize_t count = read_once(fd, text + length, size - length);
+        if (count == 0)
+            break;
+        if (count > 0)
+            length += static_cast<size_t>(count);
+        else if (errno != EINTR)
+            return -1;
+    }
+    return static_cast<ssize_t>(length);
+}
+
+ssize_t read_first_line(int fd, char *line, size_t size)
+{
+    size_t length = 0;
+    char *end = nullptr;
+    errno = 0;
+    while (!end && length < size - 1) {
+        const ssize_t count = read_once(fd, line + length, size - length);
+        if (count < 0)
+            return -1;
+        if (count == 0)
+            break;
+        end = static_cast<char *>(memchr(line + length, '\n', static_cast<size_t>(count)));
+        length += static_cast<size_t>(count);
+    }
+    if (length == 0)
+        return -1;
+    if (!end)
+        return static_cast<ssize_t>(length);
+    *end = '\0';
+    return end - line;
 }
 
 const char *next_entry(DIR *directory, unsigned int kinds)

@@ -6,9 +6,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include "agent_common.h"
+#include "agent_handles.h"
 
 namespace zorvik
 {
@@ -28,6 +30,28 @@ template <size_t Size> struct path_t {
 
 /** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
 bool path_exists(const char *path);
+
+/** Opens a file for reading, below the open directory `at` where its path does not begin with a
+ * slash. No descriptor with errno set on failure. */
+unique_fd open_file(const char *path, int at = AT_FDCWD);
+
+/**
+ * Reads once, up to `size` - 1 characters, and ends the text. Returns how many came, or -1 with
+ * errno set and an empty text.
+ */
+ssize_t read_once(int fd, char *text, size_t size);
+
+/**
+ * Reads up to `size` - 1 characters, or to the end of the file, and ends the text; an interrupted
+ * read is repeated. Returns how many came, or -1 with errno set.
+ */
+ssize_t read_up_to(int fd, char *text, size_t size);
+
+/**
+ * Reads the first line, cut to its buffer of `size` bytes, without its line feed. Returns its
+ * length, or -1 when there is none: errno then tells what failed, and is 0 for an empty file.
+ */
+ssize_t read_first_line(int fd, char *line, size_t size);
 
 /** What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
  */

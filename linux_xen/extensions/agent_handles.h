@@ -8,6 +8,7 @@
 #include <dirent.h>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 
 namespace zorvik
 {
@@ -34,6 +35,12 @@ struct unique_fd {
     explicit unique_fd(int opened) : fd(opened) {}
     unique_fd(const unique_fd &) = delete;
     unique_fd &operator=(const unique_fd &) = delete;
+    unique_fd &operator=(unique_fd &&other)
+    {
+        reset();
+        fd = std::exchange(other.fd, -1);
+        return *this;
+    }
     ~unique_fd() { reset(); }
 
     explicit operator bool() const { return fd >= 0; }

@@ -274,26 +274,6 @@ void send_process(int indent, const stat_file_t &stat)
     group_t(c).close("Process").send();
 }
 
-/** Reads the first line of a file, cut to its buffer. Returns whether there was one; else errno
- * says why. */
-bool read_line(int fd, char *line, size_t size)
-{
-    size_t length = 0;
-    const char *end = nullptr;
-    errno = 0;
-    while (!end && length < size - 1) {
-        const ssize_t count = read(fd, line + length, size - 1 - length);
-        if (count < 0)
-            return false;
-        if (count == 0)
-            break;
-        end = static_cast<const char *>(memchr(line + length, '\n', static_cast<size_t>(count)));
-        length += static_cast<size_t>(count);
-    }
-    line[end ? static_cast<size_t>(end - line) : length] = '\0';
-    return length > 0;
-}
-
 /** Reads a process's stat file below the open directory `proc`, or AT_FDCWD. Returns whether that
  * worked; else errno says why. */
 bool read_stat(int proc, const char *pidName, stat_file_t *stat)
@@ -303,8 +283,8 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
     strlcat(path, pidName, sizeof path);
     strlcat(path, "/stat", sizeof path);
     const char *name = proc == AT_FDCWD ? path : path + strlen("/proc/");
-    const unique_fd file{openat(proc, name, O_RDONLY | O_CLOEXEC)};
-    const bool had_line = file && read_line(file.fd, stat->line, sizeof stat->line);
+    const unique_fd file = open_file(name, proc);
+    const bool had_line = file && read_first_line(file.fd, stat->line, sizeof stat->line) >= 0;
     const int error = errno;
     if (had_line)
         *stpncpy(stat->pidName, pidName, sizeof stat->pidName - 1) = '\0';

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 
 #include "agent_common.h"
+#include "agent_files.h"
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
 
@@ -29,14 +30,14 @@ int read_contents(const char *path, parse_t<Contents> parse, Contents *contents)
 {
     constexpr int most_failures = 10;
     *contents = {};
-    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    const unique_fd file = open_file(path);
     if (!file)
         return errno;
     for (int sscanf_err_cnt = 0; sscanf_err_cnt < most_failures;) {
         char text[Size];
         if (lseek(file.fd, 0, SEEK_SET) < 0)
             return errno;
-        const ssize_t length = read(file.fd, text, sizeof text - 1);
+        const ssize_t length = read_once(file.fd, text, sizeof text);
         if (length < 0) {
             if (errno == EINTR)
                 continue;
@@ -44,7 +45,6 @@ int read_contents(const char *path, parse_t<Contents> parse, Contents *contents)
         }
         if (length == 0)
             break;
-        text[length] = '\0';
         if (parse(text, contents))
             return 0;
         sscanf_err_cnt++;

@@ -121,7 +121,7 @@ void show_sysfs(int indent, const char *name)
         error_invalid_arguments(__func__);
         return;
     }
-    const path_t<128> path("/sys/class/net/%s", name);
+    const path_t<128> path("%s%s", net_class, name);
     unique_directory directory{opendir(path.text)};
     if (!directory) {
         error_errno(__func__, errno, "failed to open '%s'", path.text);
@@ -137,7 +137,7 @@ void show_sysfs(int indent, const char *name)
         conn_send_start("SysFSDev", indent + 2);
         for (const char *file : hardware_attributes)
             send_attribute(hardware_attribute,
-                           path_t<512>("/sys/class/net/%s/device/%s", name, file).text, file,
+                           path_t<512>("%s%s/device/%s", net_class, name, file).text, file,
                            indent + 4);
         conn_send_end("SysFSDev", indent + 2);
     }

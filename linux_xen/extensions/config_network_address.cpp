@@ -4,7 +4,6 @@
 #include <sys/ioctl.h>
 
 #include "agent_common.h"
-#include "agent_handles.h"
 #include "config_network_internal.h"
 #include "config_network_query.h"
 #include "config_network_sysfs.h"
@@ -30,14 +29,14 @@ constexpr address_line_t address_lines[] = {
 };
 
 /** Writes the lines of an address block, up to the first that cannot be had. */
-void send_address_lines(query_socket_t &queries, int indent, const char *name, int mtu)
+void send_address_lines(query_socket_t &queries, int indent, const char *name, family_content mtu)
 {
     char text[256] = "";
     if (!get_device_mac_addr(name, text, sizeof text) &&
         query_device(log_name, queries, name, SIOCGIFHWADDR, "MAC"))
         snprintf(text, sizeof text, "%s", queries.mac().text);
     conn_send_XML_string("MAC", indent, text);
-    if (mtu) {
+    if (mtu == with_mtu) {
         if (!query_device(log_name, queries, name, SIOCGIFMTU, "mtu"))
             return;
         snprintf(text, sizeof text, "%d", queries.answer.ifr_mtu);
@@ -52,7 +51,7 @@ void send_address_lines(query_socket_t &queries, int indent, const char *name, i
 
 } // namespace
 
-int show_addr_info(int indent, const char *name, int mtu)
+int show_addr_info(int indent, const char *name, family_content mtu)
 {
     query_socket_t queries;
     if (queries.error)

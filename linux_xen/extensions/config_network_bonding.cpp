@@ -24,12 +24,11 @@ constexpr int heading_lines = 3;
 // Lines of no interest, by the beginning of their keys: hash policy, 802.3ad, LACP, aggregators.
 constexpr const char *skipped_keys[] = {"Tran", "802.", "LACP", "Acti", "Aggr"};
 
-// The steps of show_bond_status() speak in its name.
-constexpr char reporter[] = "show_bond_status";
+constexpr char log_name[] = "show_bond_status";
 
 int error_reading(const char *path, int error)
 {
-    error_errno(reporter, error, "error reading file '%s'", path);
+    error_errno(log_name, error, "error reading file '%s'", path);
     return error;
 }
 
@@ -61,62 +60,41 @@ bond_line_t parse_bond_line(char *line)
     return {std::move(key), std::move(value)};
 }
 
-/** Writes one line of the status file; a slave's lines go into an element that is then open. */
-int send_bond_line(int indent, const bond_line_t &line, bool *slave_open)
+/**
+ * Writes what a bond's status file says, the lines about each slave in an element of its own.
+ * Returns 0, or the error that ended it.
+ */
+int send_bond_lines(int indent, FILE *file, const char *path)
 {
-    const char *key = line.key.get();
-    const char *value = line.value ? line.value.get() : "";
-    if (!has_prefix(key, "Slave"))
-        return conn_send_lines(1024, *slave_open ? indent + 2 : indent, "<%s>%s</%s>\n", key, value,
-                               key);
-    if (*slave_open) {
-        *slave_open = false;
-        if (const int status = conn_send_lines(1024, indent, "</%s>\n", key))
-            return status;
-    }
-    *slave_open = true;
-    return conn_send_lines(1024, indent, "<%s Name=\"%s\">\n", key, value);
-}
-
-/** Writes what a bond's status file says. Returns 0, or the error that ended it. */
-int send_bond_lines(int indent, FILE *file, const char *path, bool *slave_open)
-{
+    bool slave_open = false;
+    int status = 0;
     char text[256];
-    for (int number = 1; fgets(text, sizeof text, file); number++) {
+    for (int number = 1; status == 0 && fgets(text, sizeof text, file); number++) {
         if (number <= heading_lines)
             continue;
         const bond_line_t line = parse_bond_line(text);
         if (!line.key)
             continue;
-        if (const int status = send_bond_line(indent, line, slave_open))
-            return status;
+        const char *key = line.key.get();
+        const char *value = line.value ? line.value.get() : "";
+        if (!has_prefix(key, "Slave")) {
+            status = conn_send_lines(1024, slave_open ? indent + 2 : indent, "<%s>%s</%s>\n", key,
+                                     value, key);
+            continue;
+        }
+        if (slave_open)
+            status = conn_send_lines(1024, indent, "</%s>\n", key);
+        if (status == 0)
+            status = conn_send_lines(1024, indent, "<%s Name=\"%s\">\n", key, value);
+        slave_open = status == 0;
     }
-    const int error = errno;
-    return ferror(file) ? error_reading(path, error) : 0;
-}
-
-/** Opens a file of a bond. Null after a failure, which is logged and left in `error`. */
-unique_stream open_bond_file(const char *path, int *error)
-{
-    unique_stream file{fopen(path, "re")};
-    if (!file)
-        *error = error_errno(reporter, errno, "unable to open '%s'", path);
-    return file;
-}
-
-/** Reads a bond's mode, "active-backup 1", into `line` and leaves the word. Returns 0 or an errno.
- */
-int read_bond_mode(const char *name, char *line, int size)
-{
-    const path_t<256> path("%s/%s/bonding/mode", net_class, name);
-    int error = 0;
-    const unique_stream file = open_bond_file(path.text, &error);
-    if (!file)
-        return error;
-    errno = EINVAL; // for a file without a line
-    if (!fgets(line, size, file.get()))
-        return error_reading(path.text, errno);
-    line[strcspn(line, " \n")] = '\0';
+    if (status == 0 && ferror(file))
+        status = error_reading(path, errno);
+    if (!slave_open)
+        return status;
+    if (status != 0)
+        return conn_close_early("Slave_Interface", indent, status);
+    conn_send_lines(1024, indent, "</Slave_Interface>\n");
     return 0;
 }
 
@@ -125,34 +103,34 @@ int show_bond_status(int indent, const char *name)
 {
     if (!name || indent < 0)
         return error_invalid_arguments(__func__);
-    int status = 0;
-    unique_stream file =
-        open_bond_file(path_t<256>("%s/%s/bonding/slaves", net_class, name).text, &status);
+    const path_t<256> slaves("%s/%s/bonding/slaves", net_class, name);
+    unique_fd attribute = open_file(slaves.text);
+    if (!attribute)
+        return error_errno(log_name, errno, "unable to open '%s'", slaves.text);
     char line[256]; // the slaves, then the mode
-    if (!file || !fgets(line, sizeof line, file.get()))
-        return status;
-    status = read_bond_mode(name, line, sizeof line);
-    if (status != 0)
-        return status;
+    if (read_first_line(attribute.fd, line, sizeof line) < 0)
+        return 0;
+    const path_t<256> mode("%s/%s/bonding/mode", net_class, name);
+    attribute = open_file(mode.text);
+    if (!attribute)
+        return error_errno(log_name, errno, "unable to open '%s'", mode.text);
+    if (read_first_line(attribute.fd, line, sizeof line) < 0)
+        return error_reading(mode.text, errno ? errno : EINVAL);
+    attribute.reset();
+    line[strcspn(line, " ")] = '\0'; // "active-backup 1"
     const path_t<512> path("%s/%s", bonding_directory, name);
-    file = open_bond_file(path.text, &status);
+    unique_stream file{fopen(path.text, "re")};
     if (!file)
-        return status;
-    status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name);
+        return error_errno(log_name, errno, "unable to open '%s'", path.text);
+    int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name);
     if (status == 0)
         status = conn_send_lines(1024, indent + 2, "<Bonding_Mode>%s</Bonding_Mode>\n", line);
-    bool slave_open = false;
     if (status == 0)
-        status = send_bond_lines(indent + 2, file.get(), path.text, &slave_open);
-    if (status != 0) {
-        if (slave_open)
-            conn_close_early("Slave_Interface", indent + 2, status);
+        status = send_bond_lines(indent + 2, file.get(), path.text);
+    if (status != 0)
         return conn_close_early("Device", indent, status);
-    }
-    if (slave_open)
-        conn_send_lines(1024, indent + 2, "</Slave_Interface>\n");
     file.reset();
-    show_addr_info(indent + 2, name, 1);
+    show_addr_info(indent + 2, name, with_mtu);
     conn_send_end("Device", indent);
     return 0;
 }

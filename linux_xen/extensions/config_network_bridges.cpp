@@ -34,7 +34,7 @@ int begin_bridge(int indent, const char *name)
 {
     if (const int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name))
         return status;
-    show_addr_info(indent + 2, name, 0);
+    show_addr_info(indent + 2, name, without_mtu);
     conn_send_lines(1024, indent + 2, "<Interfaces>\n");
     return 0;
 }

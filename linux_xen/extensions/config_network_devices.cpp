@@ -169,8 +169,7 @@ int check_real_device(const char *devName)
     for (const real_device_prefix_t &row : real_device_prefixes)
         if (has_prefix(devName, row.prefix))
             return row.real;
-    if (path_exists(path_t<128>("/proc/net/vlan/%s", devName).text) ||
-        path_exists(path_t<128>("%s/%s/device", net_class, devName).text))
+    if (path_exists(path_t<128>("/proc/net/vlan/%s", devName).text) || has_hardware(devName))
         return 1;
     debug_errno(3, __func__, errno, "device '%s' - probably not a real device", devName);
     return 0;

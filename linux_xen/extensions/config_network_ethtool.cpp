@@ -4,7 +4,9 @@
 #include <linux/ethtool.h>
 
 #include "agent_common.h"
+#include "config_network_internal.h"
 #include "config_network_link.h"
+#include "config_network_query.h"
 
 namespace zorvik
 {

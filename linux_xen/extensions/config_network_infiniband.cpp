@@ -69,7 +69,7 @@ void send_port(int indent, const char *name, const adapter_t &adapter, int port)
     conn_send_start("SysFSDev", indent);
     for (const port_attribute_t &attribute : port_attributes)
         send_attribute(*attribute.kind,
-                       path_t<128>("/sys/class/net/%s/device/infiniband/%s/ports/%d/%s", name,
+                       path_t<128>("%s%s/device/infiniband/%s/ports/%d/%s", net_class, name,
                                    adapter.name, port, attribute.file)
                            .text,
                        attribute.element, indent + 2);
@@ -82,7 +82,7 @@ int show_interface(int indent, const char *name, int *port)
 {
     if (const int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name))
         return status;
-    int status = show_addr_info(indent + 2, name, 1);
+    int status = show_addr_info(indent + 2, name, with_mtu);
     adapter_t adapter = {};
     if (status == 0 && check_real_device(name))
         status = find_adapter(name, &adapter);

@@ -27,11 +27,14 @@ int infiniband_device(const char *devName);
 /** Links `eth` behind the last entry whose name is not greater. */
 void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth);
 
+/** Whether an address block tells the MTU. */
+enum family_content { without_mtu, with_mtu };
+
 /**
  * Writes the Family element of an interface, `indent` blanks deep: its hardware address, its MTU if
- * `mtu` is not 0, and its IPv4 addresses. Returns 0, or the errno of a socket that did not open.
+ * it is wanted, and its IPv4 addresses. Returns 0, or the errno of a socket that did not open.
  */
-int show_addr_info(int indent, const char *name, int mtu);
+int show_addr_info(int indent, const char *name, family_content mtu);
 
 /** When a switch's tool that is started now for all bridges is to be through with them, in
  * milliseconds of the monotonic clock: in 5 seconds. */

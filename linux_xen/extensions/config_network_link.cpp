@@ -4,8 +4,9 @@
 #include <cstring>
 
 #include "agent_common.h"
-#include "agent_files.h"
 #include "agent_text.h"
+#include "config_network_internal.h"
+#include "config_network_query.h"
 #include "config_network_sysfs.h"
 
 namespace zorvik
@@ -14,7 +15,7 @@ namespace zorvik
 void show_link_layer(query_socket_t &queries, int indent, const char *name)
 {
     constexpr char log_name[] = "config_show_network";
-    if (!path_exists(path_t<512>("%s/%s/device", net_class, name).text))
+    if (!has_hardware(name))
         return;
     if (show_dev_mii_info(queries, indent, name) != 0) {
         debug_at(3, "%% %s: device '%s' has no MII calling ethtool\n", log_name, name);

@@ -8,7 +8,9 @@
 
 #include "agent_common.h"
 #include "agent_text.h"
+#include "config_network_internal.h"
 #include "config_network_link.h"
+#include "config_network_query.h"
 
 namespace zorvik
 {

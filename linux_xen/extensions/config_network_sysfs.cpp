@@ -14,6 +14,11 @@
 namespace zorvik
 {
 
+bool has_hardware(const char *name)
+{
+    return path_exists(path_t<128>("%s/%s/device", net_class, name).text);
+}
+
 int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
 {
     if (!dev_name || !mac || mac_size < 1) {
@@ -21,30 +26,30 @@ int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
         return 0;
     }
     const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
-    const unique_stream file{fopen(path.text, "re")};
+    const unique_fd file = open_file(path.text);
     if (!file) {
         const int error = errno;
         error_print("%s: unable to open %s, errno %d (%s)\n", __func__, path.text, error,
                     strerror(error));
         return 0;
     }
-    char line[128] = "";
-    if (!fgets(line, sizeof line, file.get()) && ferror(file.get())) {
+    char line[128];
+    const ssize_t length = read_first_line(file.fd, line, sizeof line);
+    if (length < 0 && errno != 0) {
         const int error = errno;
         error_print("%s: failed to read %s, errno %d (%s)\n", __func__, path.text, error,
                     strerror(error));
         return 0;
     }
-    if (line[0] == '\0')
+    if (length < 0 || (length > 0 && line[0] == '\0'))
         return 0;
-    line[strcspn(line, "\n")] = '\0';
     snprintf(mac, static_cast<size_t>(mac_size), "%s", line);
     return 1;
 }
 
 void send_attribute(const attribute_kind_t &kind, const char *path, const char *element, int indent)
 {
-    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    const unique_fd file = open_file(path);
     if (!file) {
         const int error = errno;
         if (error != EACCES && error != kind.missing)
@@ -54,7 +59,7 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     conn_send_lines(128, indent, "<%s>", element);
     char chunk[1024 + 1];
     ssize_t length;
-    while ((length = read(file.fd, chunk, kind.chunk)) > 0) {
+    while ((length = read_once(file.fd, chunk, kind.chunk + 1)) > 0) {
         chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
         const char *text = kind.text(chunk);
         conn_send2(text, static_cast<int>(strlen(text)));

@@ -11,6 +11,10 @@ namespace zorvik
 /** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
 
+/** Whether there is hardware behind a device, rather than the kernel alone. Leaves errno as stat(2)
+ * set it. */
+bool has_hardware(const char *name);
+
 /**
  * Copies the kernel's text of a device's hardware address into `mac`, a buffer of `mac_size` bytes.
  * Returns 1, or 0 when there is none.

@@ -41,8 +41,8 @@ bool is_reported(const char *name)
 /** Writes what one read of a counter file gives, without the white space behind it. */
 void send_value(int fd)
 {
-    char text[1023];
-    const ssize_t length = read(fd, text, sizeof text);
+    char text[1023 + 1];
+    const ssize_t length = read_once(fd, text, sizeof text);
     if (length > 0)
         conn_send2(text, static_cast<int>(trimmed_length(text, static_cast<size_t>(length))));
 }
@@ -52,7 +52,7 @@ void send_value(int fd)
 int send_counter(int indent, const char *directory, const char *name)
 {
     const path_t<256> path("%s/%s", directory, name);
-    const unique_fd file{open(path.text, O_RDONLY | O_CLOEXEC)};
+    const unique_fd file = open_file(path.text);
     if (!file) {
         const int error = errno;
         error_print("? %s: unable to open '%s', errno %d(%s)\n", device_writer, path.text, error,

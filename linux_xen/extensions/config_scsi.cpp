@@ -60,26 +60,18 @@ void log_counter(unsigned int location, const char *what, const char *path, int 
  * failure is logged. */
 bool read_counter(const char *path, char *text, size_t size)
 {
-    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC)};
+    const unique_fd file = open_file(path);
     if (!file) {
         log_counter(156, "unable to open", path, errno);
         return false;
     }
-    size_t length = 0;
-    while (length < size - 1) {
-        const ssize_t count = read(file.fd, text + length, size - 1 - length);
-        if (count == 0)
-            break;
-        if (count > 0) {
-            length += static_cast<size_t>(count);
-        } else if (errno != EINTR) {
-            log_counter(179, "read error", path, errno);
-            return false;
-        }
+    const ssize_t length = read_up_to(file.fd, text, size);
+    if (length < 0) {
+        log_counter(179, "read error", path, errno);
+        return false;
     }
-    const bool any = length > 0;
-    text[trimmed_length(text, length)] = '\0';
-    return any;
+    text[trimmed_length(text, static_cast<size_t>(length))] = '\0';
+    return length > 0;
 }
 
 /** Writes one counter of a port, if it can be had; `indent` is the report's. Returns 0 or the error

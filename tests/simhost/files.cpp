@@ -171,7 +171,7 @@ int openat(int at, const char *path, int flags, ...)
         path[0] == '/' || base == descriptors().end() ? path : base->second + "/" + path;
     if (!served(whole))
         return REAL(openat)(at, path, flags, mode);
-    return plan("openat", whole) == outcome::failed ? -1 : open_path(whole, flags);
+    return plan("open", whole) == outcome::failed ? -1 : open_path(whole, flags);
 }
 
 int openat64(int at, const char *path, int flags, ...) __attribute__((alias("openat")));
