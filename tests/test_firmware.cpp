@@ -198,11 +198,12 @@ TEST_F(Firmware, FieldsEndWithTheFormattedArea)
     bytes_t table("\x04\x16\x22\x11"
                   "0123456789abcdefgh\0\0",
                   24);
-    const dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24, 24};
+    dmi_structure_t structure = {reinterpret_cast<dmi_element_t *>(table.data()), 24, 24};
+    dmi_structure_t none = {};
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_element_t, handle)), 0x1122U);
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, max_speed)), 0x6867U);
     EXPECT_EQ(dmi_number(structure, DMI_FIELD(dmi_processor_t, current_speed)), 0U);
-    EXPECT_EQ(get_dmi_string({nullptr, 0, 0}, 1), nullptr);
+    EXPECT_EQ(get_dmi_string(none, 1), nullptr);
     EXPECT_EQ(get_dmi_string(structure, -1), nullptr);
 }
 

@@ -38,10 +38,11 @@ TEST_F(Hardware, Topology)
 
 TEST_F(Hardware, AddedProcessors)
 {
-    EXPECT_TRUE(adds_cpu(4, 4, 7) && adds_cpu(7, 4, 7) && adds_cpu(0, 0, 0));
-    EXPECT_FALSE(adds_cpu(8, 4, 7) || adds_cpu(4, 4, 3));
-    EXPECT_FALSE(adds_cpu(3, 4, 7)) << "the kernel lists fewer than are online";
-    EXPECT_FALSE(adds_cpu(4, 4, UINT32_MAX)) << "the hypervisor's number of a domain without any";
+    EXPECT_TRUE(is_cpu_to_add(4, 4, 7) && is_cpu_to_add(7, 4, 7) && is_cpu_to_add(0, 0, 0));
+    EXPECT_FALSE(is_cpu_to_add(8, 4, 7) || is_cpu_to_add(4, 4, 3));
+    EXPECT_FALSE(is_cpu_to_add(3, 4, 7)) << "the kernel lists fewer than are online";
+    EXPECT_FALSE(is_cpu_to_add(4, 4, UINT32_MAX))
+        << "the hypervisor's number of a domain without any";
 }
 
 TEST_F(Hardware, DumpLines)

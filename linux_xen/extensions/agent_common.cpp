@@ -191,9 +191,9 @@ int error_print(const char *format, ...)
     return status;
 }
 
-int error_invalid_arguments(const char *function)
+int error_invalid_arguments(const char *log_name)
 {
-    error_print("? %s: invalid arguments\n", function);
+    error_print("? %s: invalid arguments\n", log_name);
     return EINVAL;
 }
 
@@ -213,13 +213,13 @@ struct message_t {
 
 } // namespace
 
-int error_errno(const char *function, int error, const char *format, ...)
+int error_errno(const char *log_name, int error, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
     const message_t message(format, arguments);
     va_end(arguments);
-    error_print("? %s: %s, errno %d (%s)\n", function, message.text, error, strerror(error));
+    error_print("? %s: %s, errno %d (%s)\n", log_name, message.text, error, strerror(error));
     return error;
 }
 
@@ -242,7 +242,7 @@ void debug_at(int level, const char *format, ...)
     va_end(arguments);
 }
 
-int debug_errno(int level, const char *function, int error, const char *format, ...)
+int debug_errno(int level, const char *log_name, int error, const char *format, ...)
 {
     if (get_debug_state() < level)
         return error;
@@ -250,7 +250,7 @@ int debug_errno(int level, const char *function, int error, const char *format, 
     va_start(arguments, format);
     const message_t message(format, arguments);
     va_end(arguments);
-    debug_print("%% %s: %s, errno %d (%s)\n", function, message.text, error, strerror(error));
+    debug_print("%% %s: %s, errno %d (%s)\n", log_name, message.text, error, strerror(error));
     return error;
 }
 

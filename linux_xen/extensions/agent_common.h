@@ -96,14 +96,14 @@ int conn_send_XML_string(const char *element, int indent, const char *string);
 /** Appends a formatted message to the log text. Returns 0, EINVAL or ENOMEM. */
 int error_print(const char *format, ...) PRINTF_FORMAT(1, 2);
 
-/** Logs that `function` got arguments it cannot work with. Returns EINVAL. */
-int error_invalid_arguments(const char *function);
+/** Logs that `log_name` got arguments it cannot work with. Returns EINVAL. */
+int error_invalid_arguments(const char *log_name);
 
 /**
  * Logs "? FUNCTION: TEXT, errno NUMBER (ITS TEXT)", the formatted text cut at 1023 characters.
  * Returns `error`, the errno value.
  */
-int error_errno(const char *function, int error, const char *format, ...) PRINTF_FORMAT(3, 4);
+int error_errno(const char *log_name, int error, const char *format, ...) PRINTF_FORMAT(3, 4);
 
 /** Writes a formatted message to standard output, whatever the debug level. */
 int debug_print(const char *format, ...) PRINTF_FORMAT(1, 2);
@@ -115,7 +115,7 @@ void debug_at(int level, const char *format, ...) PRINTF_FORMAT(2, 3);
  * Writes "% FUNCTION: TEXT, errno NUMBER (ITS TEXT)" from debug level `level` on, the formatted
  * text cut at 1023 characters. Returns `error`, the errno value.
  */
-int debug_errno(int level, const char *function, int error, const char *format, ...)
+int debug_errno(int level, const char *log_name, int error, const char *format, ...)
     PRINTF_FORMAT(4, 5);
 
 /** Numbers the requests to the management controller: 0, 1, 2, … for the life of the process. */

@@ -13,7 +13,7 @@
 namespace zorvik
 {
 
-bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id)
+bool is_cpu_to_add(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id)
 {
     // The hypervisor gives no domain more; it says ~0 of one that has none at all.
     constexpr uint32_t most_vcpus = 8192;
@@ -124,7 +124,7 @@ void show_proc_cpuinfo(int indent)
     char line[line_bytes];
     while (fgets(line, sizeof line, table.get()))
         send_line(&list, line);
-    while (adds_cpu(list.vcpus, domain.nr_online_vcpus, domain.max_vcpu_id))
+    while (is_cpu_to_add(list.vcpus, domain.nr_online_vcpus, domain.max_vcpu_id))
         add_processor(&list);
     if (!feof(table.get()))
         error_print("? %s: %s terminated before eof\n", __func__, processor_table);

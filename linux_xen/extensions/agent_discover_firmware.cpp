@@ -26,7 +26,7 @@ constexpr off_t last_paragraph = 0xFFFF0;
 constexpr int paragraph = 16;
 
 // The steps of get_smbios_structures() speak in its name.
-constexpr char reader[] = "get_smbios_structures";
+constexpr char log_name[] = "get_smbios_structures";
 
 /** Sums the whole SMBIOS entry point, also where it is longer than the record that was read. */
 bool smb_cksum_valid(int fd, const smbios_entry_point_t *smb, off_t offset)
@@ -44,11 +44,11 @@ int verify_entry_point(int fd, const smbios_entry_point_t *smb, off_t offset)
 {
     const bool legacy = smb->anchor_string[0] != '_';
     if (!legacy && smb->length != 0 && !smb_cksum_valid(fd, smb, offset)) {
-        error_print("? %s: SMB checksum failed\n", reader);
+        error_print("? %s: SMB checksum failed\n", log_name);
         return EINVAL;
     }
     if (verify_cksum(&smb->dmi, offsetof(dmi_entry_point_t, filler)) != 0) {
-        error_print("? %s: DMI checksum failed\n", reader);
+        error_print("? %s: DMI checksum failed\n", log_name);
         return EINVAL;
     }
     return 0;
@@ -89,9 +89,9 @@ int copy_mapped_table(int fd, const dmi_entry_point_t *dmi, unsigned char *table
         copy_through_pipe(table, static_cast<unsigned char *>(mapped) + before, dmi->length);
     const bool unmapped = mapped == MAP_FAILED || munmap(mapped, size) == 0;
     if (!copied)
-        error_print("? %s: mmap failed with error MAP_FAILED\n", reader);
+        error_print("? %s: mmap failed with error MAP_FAILED\n", log_name);
     else if (!unmapped)
-        error_print("? %s: munmap failed\n", reader);
+        error_print("? %s: munmap failed\n", log_name);
     return copied && unmapped ? 0 : -1;
 }
 
@@ -122,17 +122,17 @@ int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found)
             return status;
         *found = offset;
         if (memcmp(smb, "_SM_", 4) == 0) {
-            debug_at(2, "%% %s: _SM_ found at offset 0x%lx\n", reader, offset);
+            debug_at(2, "%% %s: _SM_ found at offset 0x%lx\n", log_name, offset);
             return read_devmem(fd, &smb->dmi, paragraph, offset + paragraph);
         }
         if (memcmp(smb, "_DMI_", 5) == 0) {
-            debug_at(2, "%% %s: _DMI_ found at offset 0x%lx\n", reader, offset);
+            debug_at(2, "%% %s: _DMI_ found at offset 0x%lx\n", log_name, offset);
             memcpy(&smb->dmi, smb, paragraph);
             memset(smb, 0, paragraph);
             return 0;
         }
     }
-    debug_at(1, "%% %s: unable to find entry points\n", reader);
+    debug_at(1, "%% %s: unable to find entry points\n", log_name);
     return EINVAL;
 }
 
@@ -248,7 +248,7 @@ unsigned int dmi_number(const dmi_structure_t &structure, dmi_field_t field)
     return number;
 }
 
-char *get_dmi_string(const dmi_structure_t &structure, int num)
+char *get_dmi_string(dmi_structure_t &structure, int num)
 {
     if (num < 0 || !structure.header) {
         error_invalid_arguments(__func__);

@@ -212,7 +212,7 @@ bool next_structure(dmi_walk_t *walk, dmi_structure_t *structure);
  * Returns null when the structure has no such string, when it is empty, or when the table ends
  * before its terminator.
  */
-char *get_dmi_string(const dmi_structure_t &structure, int num);
+char *get_dmi_string(dmi_structure_t &structure, int num);
 
 /** Whether `uuid` can identify a machine: not all 0x00, not all 0xFF, not only small numbers. */
 int is_valid_uuid(const uint8_t *uuid, int uuid_len);
@@ -243,7 +243,7 @@ void config_send_cpuinfo(int indent);
  * listed all that are online, and the domain can have more, up to the number `max_vcpu_id`. No
  * domain has a number of 8192 or above: such a value adds none.
  */
-bool adds_cpu(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id);
+bool is_cpu_to_add(uint32_t vcpus, uint32_t nr_online_vcpus, uint32_t max_vcpu_id);
 
 /**
  * Writes the DMTF element, `dumpDMTF` not 0 with the whole table in base 64. Returns 0, or the

@@ -20,7 +20,7 @@ constexpr int MIME_LINE_CHARS = 72;
 constexpr int mime_line_bytes = MIME_LINE_CHARS / 4 * 3;
 
 // The steps of show_smbios_info() speak in its name.
-constexpr char reporter[] = "show_smbios_info";
+constexpr char log_name[] = "show_smbios_info";
 
 enum child_kind { CHILD_STRING, CHILD_UUID, CHILD_HEIGHT, CHILD_COUNT };
 
@@ -80,14 +80,14 @@ constexpr dmi_section_t sections[] = {
     {DMI_PROCESSOR, "Processor", "PROCESSOR", 38, processor_children},
 };
 
-void send_string(const dmi_structure_t &structure, const dmi_child_t &child, int indent)
+void send_string(dmi_structure_t &structure, const dmi_child_t &child, int indent)
 {
     const auto index = static_cast<int>(dmi_number(structure, child.field));
     if (const char *string = get_dmi_string(structure, index))
         conn_send_XML_string(child.element, indent, string);
 }
 
-void send_uuid(const dmi_structure_t &structure, const dmi_child_t &child, int indent,
+void send_uuid(dmi_structure_t &structure, const dmi_child_t &child, int indent,
                const smbios_entry_point_t &smb)
 {
     const uint8_t *bytes = dmi_field(structure, child.field);
@@ -99,14 +99,13 @@ void send_uuid(const dmi_structure_t &structure, const dmi_child_t &child, int i
         conn_send_XML_string(child.element, indent, uuid.get());
 }
 
-void send_number(const dmi_structure_t &structure, const dmi_child_t &child, int indent,
-                 const char *unit)
+void send_number(dmi_structure_t &structure, const dmi_child_t &child, int indent, const char *unit)
 {
     conn_send_lines(1024, indent, "<%s>%u%s</%s>\n", child.element,
                     dmi_number(structure, child.field), unit, child.element);
 }
 
-void send_child(const dmi_structure_t &structure, const dmi_child_t &child, int indent,
+void send_child(dmi_structure_t &structure, const dmi_child_t &child, int indent,
                 const smbios_entry_point_t &smb)
 {
     switch (child.kind) {
@@ -121,10 +120,10 @@ void send_child(const dmi_structure_t &structure, const dmi_child_t &child, int 
     }
 }
 
-void send_section(const dmi_structure_t &structure, const dmi_section_t &section, int item,
-                  int indent, const smbios_entry_point_t &smb)
+void send_section(dmi_structure_t &structure, const dmi_section_t &section, int item, int indent,
+                  const smbios_entry_point_t &smb)
 {
-    debug_at(2, "%% %s:   %s\n", reporter, section.trace);
+    debug_at(2, "%% %s:   %s\n", log_name, section.trace);
     if (structure.header->length < section.shortest)
         return;
     conn_send_lines(1024, indent, "<%s Type=\"%d\" Item=\"%d\" Handle=\"0x%x\">\n", section.element,
@@ -135,7 +134,7 @@ void send_section(const dmi_structure_t &structure, const dmi_section_t &section
     conn_send_end(section.element, indent);
 }
 
-void send_structure(const dmi_structure_t &structure, int item, int indent,
+void send_structure(dmi_structure_t &structure, int item, int indent,
                     const smbios_entry_point_t &smb)
 {
     for (const dmi_section_t &section : sections)
@@ -151,11 +150,11 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
     dmi_structure_t structure = {};
     while (next_structure(&walk, &structure)) {
         const dmi_element_t &header = *structure.header;
-        debug_at(3, "%% %s:   type 0x%x, fixed 0x%x, total 0x%x handle 0x%x\n", reporter,
+        debug_at(3, "%% %s:   type 0x%x, fixed 0x%x, total 0x%x handle 0x%x\n", log_name,
                  header.type, header.length, static_cast<unsigned int>(structure.total),
                  dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
         if (header.type == DMI_TABLE_END) {
-            debug_at(2, "%% %s:   TABLE_END\n", reporter);
+            debug_at(2, "%% %s:   TABLE_END\n", log_name);
             return;
         }
         send_structure(structure, walk.item, indent, smb);
@@ -164,7 +163,7 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
 
 void send_table_dump(const unsigned char *table, int length, int indent)
 {
-    debug_at(2, "%% %s: creating MIME output\n", reporter);
+    debug_at(2, "%% %s: creating MIME output\n", log_name);
     char *text = nullptr;
     dump_dmi_buffer(table, length, indent + 2, &text);
     const unique_text dump{text};

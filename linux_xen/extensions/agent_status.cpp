@@ -53,7 +53,7 @@ constexpr section_t sections[] = {
     {STS_FLAG_BR_CONFIG, bond_config},
 };
 
-constexpr char driver[] = "agent_status";
+constexpr char log_name[] = "agent_status";
 
 /** An ASCII letter in lower case, whatever the host process's locale makes of an "I". */
 char lower(char letter)
@@ -89,7 +89,7 @@ int reject_clause(const char *what, const char *rest)
     char reason[256] = ""; // printf refuses a text that is longer than it can count
     snprintf(reason, sizeof reason, "%s '%s'", what, rest);
     conn_send_response2(RSP_CLIENT_BAD_REQ, "%s", reason);
-    debug_at(1, "%% %s: %s\n", driver, reason);
+    debug_at(1, "%% %s: %s\n", log_name, reason);
     return EINVAL;
 }
 
@@ -110,7 +110,7 @@ int parse_command(const char *at, int &flags)
     for (at += strspn(at, white_space); *at; at += strspn(at, white_space)) {
         if (!skip_word(at, "Option")) {
             conn_send_response2(RSP_CLIENT_BAD_REQ, "Unknown command '%s'", at);
-            debug_at(1, "%% %s: unknown command '%s'\n", driver, at);
+            debug_at(1, "%% %s: unknown command '%s'\n", log_name, at);
             return EINVAL;
         }
         const char *colon = strchr(at, ':');

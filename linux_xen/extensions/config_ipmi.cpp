@@ -59,11 +59,11 @@ constexpr int guid_bytes = 16;
 constexpr int param_offset = 2;
 
 // The steps of ipmicmd() speak in its name.
-constexpr char channel_name[] = "ipmicmd";
+constexpr char log_name[] = "ipmicmd";
 
 void dump_buffer(const char *label, const void *buffer, size_t length)
 {
-    debug_print("%% %s: %s:\n", channel_name, label);
+    debug_print("%% %s: %s:\n", log_name, label);
     hex_dump(buffer, static_cast<int>(length), static_cast<int>(reinterpret_cast<intptr_t>(buffer)),
              1);
 }
@@ -82,7 +82,7 @@ bool send_request(int fd, const struct ipmi_msg *msg)
     request.msg.data_len = msg->data_len;
     request.msg.data = msg->data;
     if (get_debug_state() >= 1) {
-        debug_print("%% %s: Sending IPMI Message, ID %ld\n", channel_name, request.msgid);
+        debug_print("%% %s: Sending IPMI Message, ID %ld\n", log_name, request.msgid);
         dump_buffer("Request Buffer", &request, sizeof request);
         dump_buffer("Request address buffer", &address, sizeof address);
         dump_buffer("Request message structure", &request.msg, sizeof request.msg);
@@ -90,7 +90,7 @@ bool send_request(int fd, const struct ipmi_msg *msg)
     }
     if (ioctl(fd, IPMICTL_SEND_COMMAND, &request) >= 0)
         return true;
-    error_errno(channel_name, errno, "failed to send command");
+    error_errno(log_name, errno, "failed to send command");
     return false;
 }
 
@@ -101,11 +101,11 @@ bool wait_for_reply(int fd)
     if (count < 0 && errno == EINTR)
         count = poll(&waiting, 1, reply_timeout_ms);
     if (count < 0) {
-        error_errno(channel_name, errno, "poll failed");
+        error_errno(log_name, errno, "poll failed");
         return false;
     }
     if (waiting.revents != POLLIN) {
-        error_print("%% %s: no data ready\n", channel_name);
+        error_print("%% %s: no data ready\n", log_name);
         return false;
     }
     return true;
@@ -115,7 +115,7 @@ unique_reply receive_reply(int fd)
 {
     unique_heap<unsigned char> data{static_cast<unsigned char *>(calloc(1, reply_bytes))};
     if (!data) {
-        error_print("? %s: failed to allocate response data buffer\n", channel_name);
+        error_print("? %s: failed to allocate response data buffer\n", log_name);
         return nullptr;
     }
     struct ipmi_addr address = {};
@@ -125,11 +125,11 @@ unique_reply receive_reply(int fd)
     received.msg.data = data.get();
     received.msg.data_len = reply_bytes;
     if (ioctl(fd, IPMICTL_RECEIVE_MSG_TRUNC, &received) < 0) {
-        error_errno(channel_name, errno, "failed to receive response");
+        error_errno(log_name, errno, "failed to receive response");
         return nullptr;
     }
     if (get_debug_state() >= 1) {
-        debug_print("%% %s: Received IPMI Message, ID %ld\n", channel_name, received.msgid);
+        debug_print("%% %s: Received IPMI Message, ID %ld\n", log_name, received.msgid);
         dump_buffer("Receive Buffer", &received, sizeof received);
         dump_buffer("Receive address buffer", &address, sizeof address);
         dump_buffer("Receive message structure", &received.msg, sizeof received.msg);
@@ -138,7 +138,7 @@ unique_reply receive_reply(int fd)
     }
     unique_reply reply{static_cast<struct ipmi_msg *>(calloc(1, sizeof(struct ipmi_msg)))};
     if (!reply) {
-        error_print("? %s: failed to allocate response\n", channel_name);
+        error_print("? %s: failed to allocate response\n", log_name);
         return nullptr;
     }
     reply->netfn = received.msg.netfn;
@@ -217,7 +217,7 @@ bool check_channel_type(int fd, int channel)
     return medium == medium_lan || medium == medium_other_lan;
 }
 
-void send_mac(int indent, const unsigned char *mac)
+void send_lan_mac(int indent, const unsigned char *mac)
 {
     conn_send_lines(128, indent, "<MAC>%02x:%02x:%02x:%02x:%02x:%02x</MAC>\n", mac[0], mac[1],
                     mac[2], mac[3], mac[4], mac[5]);
@@ -242,7 +242,7 @@ struct lan_param_t {
 };
 
 constexpr lan_param_t lan_params[] = {
-    {5, "MAC address", send_mac},
+    {5, "MAC address", send_lan_mac},
     {4, "IP address source", send_address_source},
     {3, "IP address", send_ip_address},
 };

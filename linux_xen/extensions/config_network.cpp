@@ -58,7 +58,7 @@ void vlan_info(int indent, const char *name)
                     static_cast<int>(digits), dot + 1, static_cast<int>(base), name);
 }
 
-void send_mac(query_socket_t &queries, int indent, const char *name)
+void send_hw_address(query_socket_t &queries, int indent, const char *name)
 {
     char mac[128];
     if (!get_device_mac_addr(name, mac, sizeof mac)) {
@@ -72,7 +72,7 @@ void send_mac(query_socket_t &queries, int indent, const char *name)
 /** Writes the hardware address and the flags of a device. */
 void show_dev_info(query_socket_t &queries, int indent, const char *name)
 {
-    send_mac(queries, indent, name);
+    send_hw_address(queries, indent, name);
     if (!query_device(__func__, queries, name, SIOCGIFFLAGS, "flags"))
         return;
     // The kernel's field is signed, and so is its way into the wider word.

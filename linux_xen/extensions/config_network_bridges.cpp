@@ -26,7 +26,7 @@ constexpr char switch_tool[] = "/usr/bin/ovs-vsctl";
 constexpr int64_t tool_seconds = 5;
 
 // The steps of show_opensw_ifs() speak in its name.
-constexpr char switch_reporter[] = "show_opensw_ifs";
+constexpr char log_name[] = "show_opensw_ifs";
 
 constexpr const char *virtual_ports[] = {"vif", "tap"};
 
@@ -39,7 +39,7 @@ int begin_bridge(int indent, const char *name)
     return 0;
 }
 
-int send_port(int indent, const char *port)
+int send_bridge_port(int indent, const char *port)
 {
     const char *element = "PhyInterface";
     for (const char *prefix : virtual_ports)
@@ -66,7 +66,7 @@ int show_bridge_ifs(int indent, const char *name)
     if (const int status = begin_bridge(indent, name))
         return status;
     while (const char *port = next_entry(ports.get(), ENTRY_OTHER_THAN_DIRECTORY | ENTRY_DOTTED))
-        if (!has_prefix(port, "vif0") && send_port(indent + 4, port) != 0)
+        if (!has_prefix(port, "vif0") && send_bridge_port(indent + 4, port) != 0)
             break;
     return end_bridge(indent);
 }
@@ -166,19 +166,19 @@ int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t s
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
-        return error_errno(switch_reporter, errno, "can not Create pipe ");
+        return error_errno(log_name, errno, "can not Create pipe ");
     unique_fd reading{ends[0]};
     unique_fd writing{ends[1]};
     tool_t tool = {fork()};
     if (tool.child < 0)
-        return error_errno(switch_reporter, errno, "can not fork");
+        return error_errno(log_name, errno, "can not fork");
     if (tool.child == 0)
         run_switch_tool(writing.fd, bridge);
     writing.reset();
     const output_state output = read_output(deadline, reading.fd, &tool, text, size);
     reading.reset();
     if (output == OUTPUT_HELD)
-        error_print("? %s: %s ended, but another process keeps its output open\n", switch_reporter,
+        error_print("? %s: %s ended, but another process keeps its output open\n", log_name,
                     switch_tool);
     if (ends_before(output == OUTPUT_LATE ? now_ms() : deadline, &tool)) {
         const bool worked = tool.status ? *tool.status == 0 : output == OUTPUT_READ;
@@ -186,8 +186,8 @@ int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t s
     }
     kill(tool.child, SIGKILL);
     ends_before(now_ms() + 1000, &tool); // only the kernel can hold it up now
-    error_print("? %s: %s did not end within %ld seconds and was killed\n", switch_reporter,
-                switch_tool, tool_seconds);
+    error_print("? %s: %s did not end within %ld seconds and was killed\n", log_name, switch_tool,
+                tool_seconds);
     return -1;
 }
 
@@ -211,7 +211,7 @@ int show_opensw_ifs(int indent, const char *name, int64_t deadline)
     char *port = text;
     while (char *end = strchr(port, '\n')) {
         *end = '\0';
-        if (send_port(indent + 4, port) != 0)
+        if (send_bridge_port(indent + 4, port) != 0)
             break;
         port = end + 1;
     }

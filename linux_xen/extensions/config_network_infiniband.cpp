@@ -24,9 +24,9 @@ const char *after_colon(const char *chunk)
 }
 
 // The steps of infiniband_config() speak in its name.
-constexpr char reporter[] = "infiniband_config";
-constexpr attribute_kind_t numbered_attribute = {reporter, ENOENT, 1023, after_colon};
-constexpr attribute_kind_t plain_attribute = {reporter, ENOENT, 1023, whole_chunk};
+constexpr char log_name[] = "infiniband_config";
+constexpr attribute_kind_t numbered_attribute = {log_name, ENOENT, 1023, after_colon};
+constexpr attribute_kind_t plain_attribute = {log_name, ENOENT, 1023, whole_chunk};
 
 struct port_attribute_t {
     const char *element;
@@ -57,14 +57,14 @@ int find_adapter(const char *name, adapter_t *adapter)
     const path_t<64> path("%s%s/device/infiniband", net_class, name);
     const unique_directory directory{opendir(path.text)};
     if (!directory)
-        return error_errno(reporter, errno, "unable to open '%s'", path.text);
+        return error_errno(log_name, errno, "unable to open '%s'", path.text);
     while (const char *entry = next_entry(directory.get(), ENTRY_DIRECTORY))
         snprintf(adapter->name, sizeof adapter->name, "%s", entry);
     return 0;
 }
 
 /** Writes what the kernel tells of the adapter's port behind an interface. */
-void send_port(int indent, const char *name, const adapter_t &adapter, int port)
+void send_adapter_port(int indent, const char *name, const adapter_t &adapter, int port)
 {
     conn_send_start("SysFSDev", indent);
     for (const port_attribute_t &attribute : port_attributes)
@@ -89,7 +89,7 @@ int show_interface(int indent, const char *name, int *port)
     if (status != 0)
         return conn_close_early("Device", indent, status);
     if (adapter.name[0])
-        send_port(indent, name, adapter, ++*port);
+        send_adapter_port(indent, name, adapter, ++*port);
     conn_send_end("Device", indent);
     return 0;
 }

@@ -52,8 +52,8 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     const unique_fd file = open_file(path);
     if (!file) {
         const int error = errno;
-        if (error != EACCES && error != kind.missing)
-            error_errno(kind.function, error, "unable to open '%s'", path);
+        if (error != EACCES && error != kind.unlogged_error)
+            error_errno(kind.log_name, error, "unable to open '%s'", path);
         return;
     }
     conn_send_lines(128, indent, "<%s>", element);
@@ -61,12 +61,12 @@ void send_attribute(const attribute_kind_t &kind, const char *path, const char *
     ssize_t length;
     while ((length = read_once(file.fd, chunk, kind.chunk + 1)) > 0) {
         chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
-        const char *text = kind.text(chunk);
+        const char *text = kind.shown_part(chunk);
         conn_send2(text, static_cast<int>(strlen(text)));
     }
     const int error = errno;
     if (length < 0 && error != EINVAL)
-        error_errno(kind.function, error, "read failed on '%s'", path);
+        error_errno(kind.log_name, error, "read failed on '%s'", path);
     conn_send_lines(128, 0, "</%s>\n", element);
 }
 

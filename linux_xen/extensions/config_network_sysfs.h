@@ -23,10 +23,10 @@ int get_device_mac_addr(const char *dev_name, char *mac, int mac_size);
 
 /** How a sysfs attribute is read and reported. */
 struct attribute_kind_t {
-    const char *function; // whose name the log lines bear
-    int missing;          // the errno of an open that, like EACCES, is not worth a log line
-    size_t chunk;         // bytes read at once, at most 1024; each chunk loses its trailing blanks
-    const char *(*text)(const char *chunk); // the part of a chunk that is reported
+    const char *log_name;
+    int unlogged_error; // of an open that, like EACCES, is not worth a log line
+    size_t chunk;       // bytes read at once, at most 1024; each chunk loses its trailing blanks
+    const char *(*shown_part)(const char *chunk); // of a chunk
 };
 
 /** A chunk as it is. */

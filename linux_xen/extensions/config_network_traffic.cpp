@@ -27,7 +27,8 @@ constexpr net_stat net_stats[] = {{"rx_packets"}, {"rx_bytes"}, {"tx_packets"}, 
 // By the beginning of their names: back-ends of the control domain itself, and tunnels.
 constexpr const char *unreported_prefixes[] = {"vif0", "veth", "sit"};
 
-constexpr char device_writer[] = "show_dev_stats"; // its steps speak in its name
+// The steps of show_dev_stats() speak in its name.
+constexpr char log_name[] = "show_dev_stats";
 
 /** Whether the traffic of an interface is reported: it is none of the virtual kinds, and no bridge.
  */
@@ -49,13 +50,13 @@ void send_value(int fd)
 
 /** Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed
  * append. */
-int send_counter(int indent, const char *directory, const char *name)
+int send_traffic_counter(int indent, const char *directory, const char *name)
 {
     const path_t<256> path("%s/%s", directory, name);
     const unique_fd file = open_file(path.text);
     if (!file) {
         const int error = errno;
-        error_print("? %s: unable to open '%s', errno %d(%s)\n", device_writer, path.text, error,
+        error_print("? %s: unable to open '%s', errno %d(%s)\n", log_name, path.text, error,
                     strerror(error));
         return 0;
     }
@@ -81,7 +82,7 @@ int show_dev_stats(int indent, const char *name, int)
     if (const int status = conn_send_start("Statistics", indent + 2))
         return status;
     for (const net_stat &counter : net_stats)
-        if (send_counter(indent + 4, directory.text, counter.name) != 0)
+        if (send_traffic_counter(indent + 4, directory.text, counter.name) != 0)
             break;
     return conn_send_lines(256, indent,
                            "  </Statistics>\n"

@@ -20,7 +20,15 @@ namespace
 constexpr char port_class[] = "/sys/class/fc_host";
 constexpr char port_prefix[] = "host";
 constexpr size_t longest_port = 64;
-constexpr char writer[] = "scsi_status"; // its steps speak in its name
+// The steps of scsi_status() speak in its name, and number the places they speak from.
+constexpr char log_name[] = "scsi_status";
+enum log_place {
+    PLACE_NAME = 108,
+    PLACE_START = 120,
+    PLACE_OPEN = 156,
+    PLACE_READ = 179,
+    PLACE_COUNTER = 205
+};
 
 struct scsi_stat {
     const char *sysfsName;
@@ -50,10 +58,10 @@ struct report_line_t {
 };
 
 /** Logs that a step of the counter file at `path` failed because of the errno value `error`. */
-void log_counter(unsigned int location, const char *what, const char *path, int error)
+void log_counter(log_place place, const char *what, const char *path, int error)
 {
-    error_print("? %u %s: %s '%s', errno %d(%s)\n", location, writer, what, path, error,
-                strerror(error));
+    error_print("? %u %s: %s '%s', errno %d(%s)\n", static_cast<unsigned int>(place), log_name,
+                what, path, error, strerror(error));
 }
 
 /** Reads a counter's text without the white space behind it. Returns whether there was any; a
@@ -62,12 +70,12 @@ bool read_counter(const char *path, char *text, size_t size)
 {
     const unique_fd file = open_file(path);
     if (!file) {
-        log_counter(156, "unable to open", path, errno);
+        log_counter(PLACE_OPEN, "unable to open", path, errno);
         return false;
     }
     const ssize_t length = read_up_to(file.fd, text, size);
     if (length < 0) {
-        log_counter(179, "read error", path, errno);
+        log_counter(PLACE_READ, "read error", path, errno);
         return false;
     }
     text[trimmed_length(text, static_cast<size_t>(length))] = '\0';
@@ -76,7 +84,7 @@ bool read_counter(const char *path, char *text, size_t size)
 
 /** Writes one counter of a port, if it can be had; `indent` is the report's. Returns 0 or the error
  * of a failed append. */
-int send_counter(const scsi_stat &counter, const char *port, int indent)
+int send_port_counter(const scsi_stat &counter, const char *port, int indent)
 {
     const path_t<PATH_MAX> path("%s/%s/statistics/%s", port_class, port, counter.sysfsName);
     char text[128];
@@ -86,7 +94,8 @@ int send_counter(const scsi_stat &counter, const char *port, int indent)
                              counter.xmlName);
     if (!line.too_long())
         return line.send();
-    error_print("? %u %s: impossible %d '%s' '%s'\n", 205, writer, indent, counter.xmlName, text);
+    error_print("? %u %s: impossible %d '%s' '%s'\n", PLACE_COUNTER, log_name, indent,
+                counter.xmlName, text);
     return 0;
 }
 
@@ -97,14 +106,14 @@ int send_port(const char *port, int indent)
     const char *number = port + strlen(port_prefix);
     const report_line_t start("%-*s<Host Num=\"%s\">\n", indent + 2, "", number);
     if (start.too_long()) {
-        error_print("? %u %s: impossible %d '%s'\n", 120, writer, indent, number);
+        error_print("? %u %s: impossible %d '%s'\n", PLACE_START, log_name, indent, number);
         return 0;
     }
     if (const int status = start.send())
         return status;
     conn_send_start("Statistics", indent + 4);
     for (const scsi_stat &counter : scsi_stats)
-        if (const int status = send_counter(counter, port, indent))
+        if (const int status = send_port_counter(counter, port, indent))
             return status;
     if (const int status = conn_send_end("Statistics", indent + 4))
         return status;
@@ -119,8 +128,8 @@ bool is_port(const char *name)
         return false;
     if (length <= longest_port)
         return true;
-    error_print("? %u %s: impossible  : %s/ '%s' too long [%lu]\n", 108, writer, port_class, name,
-                length);
+    error_print("? %u %s: impossible  : %s/ '%s' too long [%lu]\n", PLACE_NAME, log_name,
+                port_class, name, length);
     return false;
 }
 
