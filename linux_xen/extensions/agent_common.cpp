@@ -200,7 +200,8 @@ int error_invalid_arguments(const char *log_name)
 namespace
 {
 
-/** The text of a message. Everything that goes into one is bounded: a path, a name, some numbers.
+/**
+ * The text of a message. Everything that goes into one is bounded: a path, a name, some numbers.
  */
 struct message_t {
     char text[1024] = ""; // printf refuses a text that is longer than it can count

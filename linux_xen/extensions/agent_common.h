@@ -14,8 +14,10 @@
 namespace zorvik
 {
 
-/** The answer of the current call; null stands for a text never written. Both texts are heap
- * strings. */
+/**
+ * The answer of the current call; null stands for a text never written. Both texts are heap
+ * strings.
+ */
 typedef struct conn_s {
     char *response;
     char *logmsg;

@@ -137,8 +137,10 @@ static_assert(sizeof(dmi_entry_point_t) == 16 && sizeof(smbios_entry_point_t) ==
 static_assert(sizeof(dmi_bios_t) == 18 && sizeof(dmi_system_t) == 25 && sizeof(dmi_module_t) == 15);
 static_assert(sizeof(dmi_chassis_t) == 21 && sizeof(dmi_processor_t) == 42);
 
-/** A structure inside the table copy: its header, the bytes that belong to it, strings included,
- * and all that there are from its header to the end of the copy. */
+/**
+ * A structure inside the table copy: its header, the bytes that belong to it, strings included, and
+ * all that there are from its header to the end of the copy.
+ */
 struct dmi_structure_t {
     dmi_element_t *header;
     int total;
@@ -217,8 +219,9 @@ char *get_dmi_string(dmi_structure_t &structure, int num);
 /** Whether `uuid` can identify a machine: not all 0x00, not all 0xFF, not only small numbers. */
 int is_valid_uuid(const uint8_t *uuid, int uuid_len);
 
-/** Puts the UUID in place into network byte order: SMBIOS 2.6 and later store three fields
- * reversed. */
+/**
+ * Puts the UUID in place into network byte order: SMBIOS 2.6 and later store three fields reversed.
+ */
 void adjust_sys_uuid(dmi_system_t *DMIsystem, int major, int minor);
 
 /** How the host's processors are spread over its sockets and memory nodes. */
@@ -234,7 +237,8 @@ struct topology_t {
 topology_t derive_topology(uint32_t threads_per_core, uint32_t cores_per_socket, uint32_t nr_nodes,
                            uint32_t nr_cpus);
 
-/** Writes the CPUInfo element: the processors that the kernel lists, and those it could be given.
+/**
+ * Writes the CPUInfo element: the processors that the kernel lists, and those it could be given.
  */
 void config_send_cpuinfo(int indent);
 

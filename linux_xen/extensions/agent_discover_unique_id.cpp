@@ -27,8 +27,10 @@ int parse_hw_addr(const char *hw_addr, uint8_t *bytes, int room)
     return count;
 }
 
-/** Joins the hardware addresses of the physical devices. Returns 0, 1 when there are none, or an
- * error. */
+/**
+ * Joins the hardware addresses of the physical devices. Returns 0, 1 when there are none, or an
+ * error.
+ */
 int generate_fallback_unique_id(uint8_t *uuid, int uuid_len)
 {
     memset(uuid, 0xFF, static_cast<size_t>(uuid_len));

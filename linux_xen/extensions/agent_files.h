@@ -31,8 +31,10 @@ template <size_t Size> struct path_t {
 /** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
 bool path_exists(const char *path);
 
-/** Opens a file for reading, below the open directory `at` where its path does not begin with a
- * slash. No descriptor with errno set on failure. */
+/**
+ * Opens a file for reading, below the open directory `at` where its path does not begin with a
+ * slash. No descriptor with errno set on failure.
+ */
 unique_fd open_file(const char *path, int at = AT_FDCWD);
 
 /**
@@ -53,7 +55,8 @@ ssize_t read_up_to(int fd, char *text, size_t size);
  */
 ssize_t read_first_line(int fd, char *line, size_t size);
 
-/** What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
+/**
+ * What a walk through a directory takes; kinds are combined. A leading dot is one more to ask for.
  */
 enum entry_kinds : unsigned int {
     ENTRY_DIRECTORY = 1U << DT_DIR,

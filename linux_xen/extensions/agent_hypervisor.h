@@ -92,8 +92,10 @@ struct sedf_share_t {
     uint16_t weight;
 };
 
-/** Both fill in a domain's share. They return the library's result, or -1 where it has no call for
- * that: SEDF left it with Xen 4.6. */
+/**
+ * Both fill in a domain's share. They return the library's result, or -1 where it has no call for
+ * that: SEDF left it with Xen 4.6.
+ */
 int get_credit_share(xc_interface_core *handle, uint32_t domid, credit_share_t *share);
 int get_sedf_share(xc_interface_core *handle, uint32_t domid, sedf_share_t *share);
 

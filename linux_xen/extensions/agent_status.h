@@ -30,8 +30,10 @@ typedef enum sts_flags_s {
  */
 int agent_status(conn_t *conn, const char *cmdstring);
 
-/** Writes the document with the sections of `flags`. Returns 0, ENOENT, or the error of a failed
- * append. */
+/**
+ * Writes the document with the sections of `flags`. Returns 0, ENOENT, or the error of a failed
+ * append.
+ */
 int generate_status(sts_flags_t flags);
 
 /** Writes CPUTime, the kernel's clock ticks per second; there is only the brief form. */

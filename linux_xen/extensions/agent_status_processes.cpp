@@ -30,8 +30,10 @@ constexpr int unknown_processor = 255;
 // The fields of a stat line are numbered from 1, as proc(5) does.
 constexpr int last_number = 39;
 
-/** What a stat line says, as far as it is looked at; what is missing is 0. A number is kept as the
- * scanf conversion of its kind leaves it. */
+/**
+ * What a stat line says, as far as it is looked at; what is missing is 0. A number is kept as the
+ * scanf conversion of its kind leaves it.
+ */
 struct proc_stat_t {
     char comm[64];
     char state;
@@ -75,8 +77,9 @@ bool scan_plain(const char *&at, long &value)
     return true;
 }
 
-/** Converts the next number as scanf does, at a fraction of the cost. Returns whether there was
- * one. */
+/**
+ * Converts the next number as scanf does, at a fraction of the cost. Returns whether there was one.
+ */
 bool scan_number(const char *&at, number_kind kind, long &value)
 {
     if (!scan_plain(at, value)) {
@@ -101,8 +104,10 @@ size_t scan_word(const char *&at, char *word, size_t size)
     return length;
 }
 
-/** Takes a stat line apart word by word, up to the first field that is none: a blank in the
- * command's name shifts what follows it. */
+/**
+ * Takes a stat line apart word by word, up to the first field that is none: a blank in the
+ * command's name shifts what follows it.
+ */
 void scan_proc_stat(const char *at, proc_stat_t *stat)
 {
     *stat = {};
@@ -250,8 +255,10 @@ struct stat_file_t {
     char line[512];
 };
 
-/** Writes one process: printf would take a fifth of the whole report's time, and an append for
- * every group a tenth. */
+/**
+ * Writes one process: printf would take a fifth of the whole report's time, and an append for every
+ * group a tenth.
+ */
 void send_process(int indent, const stat_file_t &file)
 {
     proc_stat_t stat;
@@ -271,8 +278,10 @@ void send_process(int indent, const stat_file_t &file)
     conn_send_end("Process", indent);
 }
 
-/** Reads a process's stat file below the open directory `proc`, or AT_FDCWD. Returns whether that
- * worked; else errno says why. */
+/**
+ * Reads a process's stat file below the open directory `proc`, or AT_FDCWD. Returns whether that
+ * worked; else errno says why.
+ */
 bool read_stat(int proc, const char *pidName, stat_file_t *stat)
 {
     constexpr char log_name[] = "send_proc_info";

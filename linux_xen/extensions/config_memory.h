@@ -59,8 +59,10 @@ MODULE_EXPORT int read_meminfo(struct meminfo_contents *contents);
 /** Asks the hypervisor. Returns 0, the errno of the failed open, or the result of xc_physinfo(). */
 MODULE_EXPORT int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *contents);
 
-/** Reads /proc/xen/balloon, with or without its hard limit. Returns 0, EINVAL for another layout,
- * or an errno. */
+/**
+ * Reads /proc/xen/balloon, with or without its hard limit. Returns 0, EINVAL for another layout, or
+ * an errno.
+ */
 MODULE_EXPORT int read_xenballoon_instantaneous(struct xenballoon_contents *contents);
 
 } // namespace zorvik

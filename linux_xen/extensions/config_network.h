@@ -42,7 +42,8 @@ MODULE_EXPORT int get_network_device_list(eth_header_t *hdr);
 /** Frees an entry that is no longer in a list. */
 MODULE_EXPORT void free_eth_device(eth_device_t *eth);
 
-/** Writes the device list into the log text, for diagnosis. Returns as get_network_device_list().
+/**
+ * Writes the device list into the log text, for diagnosis. Returns as get_network_device_list().
  */
 MODULE_EXPORT int print_network();
 
@@ -58,8 +59,10 @@ MODULE_EXPORT int config_show_network(int indent);
  */
 MODULE_EXPORT int bonding_discover(int indent);
 
-/** Writes the Bonding element of the status document: which slaves belong to which bond. Returns 0
- * or an error. */
+/**
+ * Writes the Bonding element of the status document: which slaves belong to which bond. Returns 0
+ * or an error.
+ */
 MODULE_EXPORT int bond_config(int indent);
 
 /**

@@ -76,7 +76,8 @@ void send_adapter_port(int indent, const char *name, const adapter_t &adapter, i
     conn_send_end("SysFSDev", indent);
 }
 
-/** Writes one interface. `port` counts those with an adapter. Returns 0 or the error that ended it.
+/**
+ * Writes one interface. `port` counts those with an adapter. Returns 0 or the error that ended it.
  */
 int show_interface(int indent, const char *name, int *port)
 {

@@ -36,8 +36,10 @@ enum family_content { without_mtu, with_mtu };
  */
 int show_addr_info(int indent, const char *name, family_content mtu);
 
-/** When a switch's tool that is started now for all bridges is to be through with them, in
- * milliseconds of the monotonic clock: in 5 seconds. */
+/**
+ * When a switch's tool that is started now for all bridges is to be through with them, in
+ * milliseconds of the monotonic clock: in 5 seconds.
+ */
 int64_t switch_tool_deadline();
 
 /**

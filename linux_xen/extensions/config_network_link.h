@@ -11,8 +11,10 @@
 namespace zorvik
 {
 
-/** Writes what is known of a device's link, by MII or else by ethtool, and what wakes it up. A
- * device without hardware behind it has nothing of all that. */
+/**
+ * Writes what is known of a device's link, by MII or else by ethtool, and what wakes it up. A
+ * device without hardware behind it has nothing of all that.
+ */
 void show_link_layer(query_socket_t &queries, int indent, const char *name);
 
 /**

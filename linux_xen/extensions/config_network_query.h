@@ -33,7 +33,8 @@ struct query_socket_t {
     /** Puts an ioctl request about the device `name`. Returns 0 with its answer, or an errno. */
     int ask(const char *name, unsigned long request);
 
-    /** Puts another request with what the last answer says. Returns 0 with its answer, or an errno.
+    /**
+     * Puts another request with what the last answer says. Returns 0 with its answer, or an errno.
      */
     int ask_again(unsigned long request);
 

@@ -11,8 +11,10 @@ namespace zorvik
 /** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
 
-/** Whether there is hardware behind a device, rather than the kernel alone. Leaves errno as stat(2)
- * set it. */
+/**
+ * Whether there is hardware behind a device, rather than the kernel alone. Leaves errno as stat(2)
+ * set it.
+ */
 bool has_hardware(const char *name);
 
 /**

@@ -30,7 +30,8 @@ constexpr const char *unreported_prefixes[] = {"vif0", "veth", "sit"};
 // The steps of show_dev_stats() speak in its name.
 constexpr char log_name[] = "show_dev_stats";
 
-/** Whether the traffic of an interface is reported: it is none of the virtual kinds, and no bridge.
+/**
+ * Whether the traffic of an interface is reported: it is none of the virtual kinds, and no bridge.
  */
 bool is_reported(const char *name)
 {
@@ -48,8 +49,10 @@ void send_value(int fd)
         conn_send2(text, static_cast<int>(trimmed_length(text, static_cast<size_t>(length))));
 }
 
-/** Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed
- * append. */
+/**
+ * Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed
+ * append.
+ */
 int send_traffic_counter(int indent, const char *directory, const char *name)
 {
     const path_t<256> path("%s/%s", directory, name);

@@ -64,8 +64,10 @@ void log_counter(log_place place, const char *what, const char *path, int error)
                 what, path, error, strerror(error));
 }
 
-/** Reads a counter's text without the white space behind it. Returns whether there was any; a
- * failure is logged. */
+/**
+ * Reads a counter's text without the white space behind it. Returns whether there was any; a
+ * failure is logged.
+ */
 bool read_counter(const char *path, char *text, size_t size)
 {
     const unique_fd file = open_file(path);
@@ -82,8 +84,10 @@ bool read_counter(const char *path, char *text, size_t size)
     return length > 0;
 }
 
-/** Writes one counter of a port, if it can be had; `indent` is the report's. Returns 0 or the error
- * of a failed append. */
+/**
+ * Writes one counter of a port, if it can be had; `indent` is the report's. Returns 0 or the error
+ * of a failed append.
+ */
 int send_port_counter(const scsi_stat &counter, const char *port, int indent)
 {
     const path_t<PATH_MAX> path("%s/%s/statistics/%s", port_class, port, counter.sysfsName);
@@ -99,8 +103,10 @@ int send_port_counter(const scsi_stat &counter, const char *port, int indent)
     return 0;
 }
 
-/** Writes the element of one port; `indent` is the report's. Returns 0 or the error of a failed
- * append. */
+/**
+ * Writes the element of one port; `indent` is the report's. Returns 0 or the error of a failed
+ * append.
+ */
 int send_port(const char *port, int indent)
 {
     const char *number = port + strlen(port_prefix);

@@ -14,8 +14,10 @@ namespace zorvik
  */
 int show_scsi_status(int indent, int newWay, int onlyMinimum);
 
-/** Writes SCSI, or nothing on a host without such adapters. Returns 0 or the error of a failed
- * append. */
+/**
+ * Writes SCSI, or nothing on a host without such adapters. Returns 0 or the error of a failed
+ * append.
+ */
 int scsi_status(int indent);
 
 } // namespace zorvik
