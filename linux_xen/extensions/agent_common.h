@@ -75,6 +75,14 @@ int conn_send_response2(int code, const char *format, ...) PRINTF_FORMAT(2, 3);
 /** Gives an empty response the status line of code 500. Returns 0, or EINVAL for a null record. */
 int conn_close(conn_t *conn);
 
+/** The text of a tag, `indent` blanks deep, between `before` and `behind`, cut at 127 characters. */
+struct tag_text_t {
+    char text[128];
+    size_t length;
+
+    tag_text_t(int indent, const char *before, const char *element, const char *behind);
+};
+
 /**
  * Appends the line of a start tag (`start` not 0) or an end tag, `indent` blanks deep.
  * The element text is written as it stands, attributes included; the line is cut at 127 characters.

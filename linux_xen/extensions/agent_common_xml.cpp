@@ -80,11 +80,25 @@ int conn_send_lines(size_t size, int indent, const char *format, ...)
     return conn_send2(text, static_cast<int>(strlen(text)));
 }
 
+tag_text_t::tag_text_t(int indent, const char *before, const char *element, const char *behind)
+{
+    constexpr size_t most = sizeof text - 1;
+    length = static_cast<size_t>(std::min(std::labs(indent), static_cast<long>(most)));
+    memset(text, ' ', length);
+    for (const char *piece : {before, element, behind}) {
+        const size_t fits = strnlen(piece, most - length);
+        memcpy(text + length, piece, fits);
+        length += fits;
+    }
+    text[length] = '\0';
+}
+
 int conn_send_XML_tag(const char *element, int indent, int start)
 {
     if (indent < 0 || !element)
         return error_invalid_arguments(__func__);
-    return conn_send_lines(128, indent, "<%s%s>\n", start ? "" : "/", element);
+    const tag_text_t tag(indent, start ? "<" : "</", element, ">\n");
+    return conn_send2(tag.text, static_cast<int>(tag.length));
 }
 
 int conn_send_start(const char *element, int indent)

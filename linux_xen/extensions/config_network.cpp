@@ -122,22 +122,21 @@ void show_sysfs(int indent, const char *name)
         return;
     }
     const path_t<128> path("%s%s", net_class, name);
-    unique_directory directory{opendir(path.text)};
+    const unique_directory directory{opendir(path.text)};
     if (!directory) {
         error_errno(__func__, errno, "failed to open '%s'", path.text);
         return;
     }
+    const path_t<128 + 1> prefix("%s/", path.text);
+    const attribute_place_t place = {dirfd(directory.get()), prefix.text};
     conn_send_start("SysFS", indent);
     while (const char *file = next_entry(directory.get(), ENTRY_FILE | ENTRY_DOTTED))
         if (!is_skipped(file))
-            send_attribute(interface_attribute, path_t<512>("%s/%s", path.text, file).text, file,
-                           indent + 2);
-    directory.reset();
+            send_attribute(interface_attribute, place, file, file, indent + 2);
     if (check_real_device(name)) {
         conn_send_start("SysFSDev", indent + 2);
         for (const char *file : hardware_attributes)
-            send_attribute(hardware_attribute,
-                           path_t<512>("%s%s/device/%s", net_class, name, file).text, file,
+            send_attribute(hardware_attribute, place, path_t<32>("device/%s", file).text, file,
                            indent + 4);
         conn_send_end("SysFSDev", indent + 2);
     }

@@ -68,7 +68,7 @@ void send_adapter_port(int indent, const char *name, const adapter_t &adapter, i
 {
     conn_send_start("SysFSDev", indent);
     for (const port_attribute_t &attribute : port_attributes)
-        send_attribute(*attribute.kind,
+        send_attribute(*attribute.kind, {AT_FDCWD, ""},
                        path_t<128>("%s%s/device/infiniband/%s/ports/%d/%s", net_class, name,
                                    adapter.name, port, attribute.file)
                            .text,

@@ -1,6 +1,7 @@
 // Attributes of network interfaces, as the kernel's files tell them.
 #include "config_network_sysfs.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -47,27 +48,39 @@ int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
     return 1;
 }
 
-void send_attribute(const attribute_kind_t &kind, const char *path, const char *element, int indent)
+void send_attribute(const attribute_kind_t &kind, const attribute_place_t &place, const char *name,
+                    const char *element, int indent)
 {
-    const unique_fd file = open_file(path);
+    const auto log_error = [&](const char *what, int error) {
+        error_errno(kind.log_name, error, "%s '%s%s'", what, place.prefix, name);
+    };
+    const unique_fd file = open_file(name, place.fd);
     if (!file) {
         const int error = errno;
         if (error != EACCES && error != kind.unlogged_error)
-            error_errno(kind.log_name, error, "unable to open '%s'", path);
+            log_error("unable to open", error);
         return;
     }
-    conn_send_lines(128, indent, "<%s>", element);
-    char chunk[1024 + 1];
+    // Mostly one chunk is all there is: the whole element is then one append.
+    const tag_text_t start(indent, "<", element, ">");
+    const tag_text_t end(0, "</", element, ">\n");
+    char text[sizeof start.text + most_chunk + 1 + sizeof end.text];
+    char *chunk = std::copy_n(start.text, start.length, text);
     ssize_t length;
     while ((length = read_once(file.fd, chunk, kind.chunk + 1)) > 0) {
         chunk[trimmed_length(chunk, static_cast<size_t>(length))] = '\0';
-        const char *text = kind.shown_part(chunk);
-        conn_send2(text, static_cast<int>(strlen(text)));
+        const char *shown = kind.shown_part(chunk);
+        chunk = std::copy_n(shown, strlen(shown), chunk);
+        if (chunk > text + sizeof start.text) {
+            conn_send2(text, static_cast<int>(chunk - text));
+            chunk = text;
+        }
     }
     const int error = errno;
+    chunk = std::copy_n(end.text, end.length, chunk);
+    conn_send2(text, static_cast<int>(chunk - text));
     if (length < 0 && error != EINVAL)
-        error_errno(kind.log_name, error, "read failed on '%s'", path);
-    conn_send_lines(128, 0, "</%s>\n", element);
+        log_error("read failed on", error);
 }
 
 } // namespace zorvik

@@ -23,11 +23,13 @@ bool has_hardware(const char *name);
  */
 int get_device_mac_addr(const char *dev_name, char *mac, int mac_size);
 
+inline constexpr size_t most_chunk = 1024;
+
 /** How a sysfs attribute is read and reported. */
 struct attribute_kind_t {
     const char *log_name;
     int unlogged_error; // of an open that, like EACCES, is not worth a log line
-    size_t chunk;       // bytes read at once, at most 1024; each chunk loses its trailing blanks
+    size_t chunk; // bytes read at once, at most `most_chunk`; each chunk loses its trailing blanks
     const char *(*shown_part)(const char *chunk); // of a chunk
 };
 
@@ -37,8 +39,17 @@ inline const char *whole_chunk(const char *chunk)
     return chunk;
 }
 
-/** Writes the file at `path` as one element, unescaped; one that cannot be opened is left out. */
-void send_attribute(const attribute_kind_t &kind, const char *path, const char *element,
-                    int indent);
+/** An open directory of attributes, or AT_FDCWD, and what the log lines put before a file's name. */
+struct attribute_place_t {
+    int fd;
+    const char *prefix;
+};
+
+/**
+ * Writes the file `name` as one element, unescaped, chunk by chunk to its end; one that cannot be
+ * opened is left out.
+ */
+void send_attribute(const attribute_kind_t &kind, const attribute_place_t &place, const char *name,
+                    const char *element, int indent);
 
 } // namespace zorvik
