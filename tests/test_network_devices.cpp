@@ -41,5 +41,5 @@ TEST_F(Devices, FailuresEndTheListAndKeepWhatItHad)
         EXPECT_EQ(logged(), "? get_network_device_list: " + row.log + "\n");
     }
     EXPECT_EQ(get_network_device_list(nullptr), EINVAL);
-    EXPECT_EQ(check_real_device(nullptr), 0);
+    EXPECT_EQ(check_real_device(nullptr, {}), 0);
 }

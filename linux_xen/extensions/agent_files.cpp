@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "agent_handles.h"
@@ -12,10 +11,9 @@
 namespace zorvik
 {
 
-bool path_exists(const char *path)
+bool path_exists(const char *path, int at)
 {
-    struct stat status;
-    return stat(path, &status) == 0;
+    return faccessat(at, path, F_OK, 0) == 0;
 }
 
 unique_fd open_file(const char *path, int at)

@@ -28,8 +28,11 @@ template <size_t Size> struct path_t {
     }
 };
 
-/** Whether something stands at `path`, seen through links. Leaves errno as stat(2) set it. */
-bool path_exists(const char *path);
+/**
+ * Whether something stands at `path`, seen through links, below the open directory `at` where the
+ * path does not begin with a slash. Leaves errno as access(2) set it.
+ */
+bool path_exists(const char *path, int at = AT_FDCWD);
 
 /**
  * Opens a file for reading, below the open directory `at` where its path does not begin with a

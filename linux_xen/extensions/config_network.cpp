@@ -58,10 +58,10 @@ void vlan_info(int indent, const char *name)
                     static_cast<int>(digits), dot + 1, static_cast<int>(base), name);
 }
 
-void send_hw_address(query_socket_t &queries, int indent, const char *name)
+void send_hw_address(query_socket_t &queries, int indent, const char *name, int directory)
 {
     char mac[128];
-    if (!get_device_mac_addr(name, mac, sizeof mac)) {
+    if (!get_device_mac_addr(name, mac, sizeof mac, directory)) {
         if (!query_device("show_dev_info", queries, name, SIOCGIFHWADDR, "MAC"))
             return;
         snprintf(mac, sizeof mac, "%s", queries.mac().text);
@@ -70,9 +70,9 @@ void send_hw_address(query_socket_t &queries, int indent, const char *name)
 }
 
 /** Writes the hardware address and the flags of a device. */
-void show_dev_info(query_socket_t &queries, int indent, const char *name)
+void show_dev_info(query_socket_t &queries, int indent, const char *name, int directory)
 {
-    send_hw_address(queries, indent, name);
+    send_hw_address(queries, indent, name, directory);
     if (!query_device(__func__, queries, name, SIOCGIFFLAGS, "flags"))
         return;
     // The kernel's field is signed, and so is its way into the wider word.
@@ -115,25 +115,15 @@ bool is_skipped(const char *file)
 }
 
 /** Writes every readable sysfs attribute of an interface and of the hardware behind it. */
-void show_sysfs(int indent, const char *name)
+void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t &bonds)
 {
-    if (!name) {
-        error_invalid_arguments(__func__);
-        return;
-    }
-    const path_t<128> path("%s%s", net_class, name);
-    const unique_directory directory{opendir(path.text)};
-    if (!directory) {
-        error_errno(__func__, errno, "failed to open '%s'", path.text);
-        return;
-    }
-    const path_t<128 + 1> prefix("%s/", path.text);
-    const attribute_place_t place = {dirfd(directory.get()), prefix.text};
+    const path_t<128 + 1> prefix("%s%s/", net_class, name);
+    const attribute_place_t place = {dirfd(directory), prefix.text};
     conn_send_start("SysFS", indent);
-    while (const char *file = next_entry(directory.get(), ENTRY_FILE | ENTRY_DOTTED))
+    while (const char *file = next_entry(directory, ENTRY_FILE | ENTRY_DOTTED))
         if (!is_skipped(file))
             send_attribute(interface_attribute, place, file, file, indent + 2);
-    if (check_real_device(name)) {
+    if (check_real_device(name, bonds)) {
         conn_send_start("SysFSDev", indent + 2);
         for (const char *file : hardware_attributes)
             send_attribute(hardware_attribute, place, path_t<32>("device/%s", file).text, file,
@@ -143,17 +133,26 @@ void show_sysfs(int indent, const char *name)
     conn_send_end("SysFS", indent);
 }
 
-void show_device(query_socket_t &queries, int indent, const eth_device_t *device)
+void show_device(query_socket_t &queries, int indent, const eth_device_t *device,
+                 const bond_list_t &bonds)
 {
     const char *name = device->device_name;
+    const path_t<128> path("%s%s", net_class, name);
+    const unique_directory directory{opendir(path.text)};
+    const int error = errno;
+    const int fd = directory ? dirfd(directory.get()) : -1;
     conn_send_lines(512, indent, "<Device Name=\"%s\">\n", name);
     if (has_prefix(name, "qcn") && !strchr(name, '.'))
         conn_send_XML_string("CloudNet", indent + 2, "1");
     vlan_info(indent + 2, name);
-    show_dev_info(queries, indent + 4, name);
-    show_link_layer(queries, indent + 4, name);
+    show_dev_info(queries, indent + 4, name, fd);
+    if (has_hardware(name, fd))
+        show_link_layer(queries, indent + 4, name);
     show_addresses(indent + 4, device);
-    show_sysfs(indent + 4, name);
+    if (directory)
+        show_sysfs(indent + 4, name, directory.get(), bonds);
+    else
+        error_errno("show_sysfs", error, "failed to open '%s'", path.text);
     conn_send_end("Device", indent);
 }
 
@@ -162,13 +161,14 @@ void show_device(query_socket_t &queries, int indent, const eth_device_t *device
 int config_show_network(int indent)
 {
     query_socket_t queries;
+    const bond_list_t bonds;
     device_list_t devices;
-    if (const int status = list_network_devices(queries, &devices.head))
+    if (const int status = list_network_devices(queries, bonds, &devices.head))
         return status;
     conn_send_start("Network", indent);
     while (const unique_device device = devices.take_first())
         if (device->device_name)
-            show_device(queries, indent + 2, device.get());
+            show_device(queries, indent + 2, device.get(), bonds);
     conn_send_end("Network", indent);
     return 0;
 }

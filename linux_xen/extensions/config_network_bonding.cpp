@@ -16,8 +16,6 @@ namespace zorvik
 namespace
 {
 
-constexpr char bonding_directory[] = "/proc/net/bonding";
-
 // The banner, a blank line and the mode, which sysfs tells better.
 constexpr int heading_lines = 3;
 

@@ -228,7 +228,7 @@ int bridge_config(int indent)
     conn_send_start("Bridges", indent);
     const int64_t deadline = switch_tool_deadline();
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {
-        if (!path_exists(path_t<128>("%s/%s/bridge", net_class, name).text))
+        if (!path_exists(path_t<128>("%s/bridge", name).text, dirfd(interfaces.get())))
             continue;
         const bool open_switch = path_exists("/sys/module/openvswitch_mod");
         const int status = open_switch ? show_opensw_ifs(indent + 2, name, deadline)

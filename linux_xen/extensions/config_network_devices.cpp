@@ -75,14 +75,15 @@ void query_addresses(query_socket_t &queries, eth_device_t *eth)
 }
 
 /** Lists the device that a line of the kernel's table is about, if it is one to report. */
-int list_device(query_socket_t &queries, const char *name_field, eth_header_t *hdr)
+int list_device(query_socket_t &queries, const bond_list_t &bonds, const char *name_field,
+                eth_header_t *hdr)
 {
     unique_text name{string_trim(name_field)};
     if (!name) {
         error_print("? %s: unable to strdup device name\n", log_name);
         return ENOMEM;
     }
-    if (!check_real_device(name.get()) && !check_vantix_device(name.get()))
+    if (!check_real_device(name.get(), bonds) && !check_vantix_device(name.get()))
         return 0;
     if (infiniband_device(name.get()))
         return 0;
@@ -99,7 +100,7 @@ int list_device(query_socket_t &queries, const char *name_field, eth_header_t *h
 
 } // namespace
 
-int list_network_devices(query_socket_t &queries, eth_header_t *hdr)
+int list_network_devices(query_socket_t &queries, const bond_list_t &bonds, eth_header_t *hdr)
 {
     if (queries.error)
         return error_errno(log_name, queries.error, "unable to open socket");
@@ -112,7 +113,7 @@ int list_network_devices(query_socket_t &queries, eth_header_t *hdr)
         if (!colon)
             continue;
         *colon = '\0';
-        if (const int status = list_device(queries, line, hdr))
+        if (const int status = list_device(queries, bonds, line, hdr))
             return status;
     }
     if (ferror(table.get()))
@@ -125,7 +126,7 @@ int get_network_device_list(eth_header_t *hdr)
     if (!hdr)
         return error_invalid_arguments(__func__);
     query_socket_t queries;
-    return list_network_devices(queries, hdr);
+    return list_network_devices(queries, {}, hdr);
 }
 
 void free_eth_device(eth_device_t *eth)
@@ -158,13 +159,13 @@ int print_network()
     return 0;
 }
 
-int check_real_device(const char *devName)
+int check_real_device(const char *devName, const bond_list_t &bonds)
 {
     if (!devName) {
         error_invalid_arguments(__func__);
         return 0;
     }
-    if (path_exists(path_t<128>("/proc/net/bonding/%s", devName).text))
+    if (bonds.has(devName))
         return 0;
     for (const real_device_prefix_t &row : real_device_prefixes)
         if (has_prefix(devName, row.prefix))
@@ -175,9 +176,16 @@ int check_real_device(const char *devName)
     return 0;
 }
 
-int infiniband_device(const char *devName)
+int infiniband_device(const char *devName, int interfaces)
 {
+    if (interfaces >= 0)
+        return path_exists(path_t<128>("%s/pkey", devName).text, interfaces);
     return path_exists(path_t<128>("%s/%s/pkey", net_class, devName).text);
+}
+
+bool bond_list_t::has(const char *name) const
+{
+    return exists && path_exists(path_t<128>("%s/%s", bonding_directory, name).text);
 }
 
 void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)

@@ -79,13 +79,13 @@ void send_adapter_port(int indent, const char *name, const adapter_t &adapter, i
 /**
  * Writes one interface. `port` counts those with an adapter. Returns 0 or the error that ended it.
  */
-int show_interface(int indent, const char *name, int *port)
+int show_interface(int indent, const char *name, const bond_list_t &bonds, int *port)
 {
     if (const int status = conn_send_lines(1024, indent, "<Device Name=\"%s\">\n", name))
         return status;
     int status = show_addr_info(indent + 2, name, with_mtu);
     adapter_t adapter = {};
-    if (status == 0 && check_real_device(name))
+    if (status == 0 && check_real_device(name, bonds))
         status = find_adapter(name, &adapter);
     if (status != 0)
         return conn_close_early("Device", indent, status);
@@ -105,8 +105,8 @@ int infiniband_config(int indent)
     conn_send_start("Infiniband", indent);
     int port = 0;
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK))
-        if (infiniband_device(name))
-            if (const int status = show_interface(indent + 2, name, &port))
+        if (infiniband_device(name, dirfd(interfaces.get())))
+            if (const int status = show_interface(indent + 2, name, {}, &port))
                 return conn_close_early("Infiniband", indent, status);
     conn_send_end("Infiniband", indent);
     return 0;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "agent_files.h"
 #include "config_network.h"
 #include "config_network_query.h"
 
@@ -15,14 +16,27 @@ namespace zorvik
 /** What all blocks of IPv4 addresses begin with. */
 inline constexpr char family_start[] = "Family Type=\"AF_INET\"";
 
+/** Where the bonding driver lists its devices. */
+inline constexpr char bonding_directory[] = "/proc/net/bonding";
+
+/** Which devices are bonds; without the driver none is. */
+struct bond_list_t {
+    bool exists = path_exists(bonding_directory);
+
+    bool has(const char *name) const;
+};
+
 /** Lists the devices worth reporting as get_network_device_list() does, over an open socket. */
-int list_network_devices(query_socket_t &queries, eth_header_t *hdr);
+int list_network_devices(query_socket_t &queries, const bond_list_t &bonds, eth_header_t *hdr);
 
 /** 1 if `devName` is a device to report, else 0. */
-int check_real_device(const char *devName);
+int check_real_device(const char *devName, const bond_list_t &bonds);
 
-/** 1 if the device is an InfiniBand interface, else 0. */
-int infiniband_device(const char *devName);
+/**
+ * 1 if the device is an InfiniBand interface, else 0. `interfaces` is the kernel's open directory of
+ * them, or -1.
+ */
+int infiniband_device(const char *devName, int interfaces = -1);
 
 /** Links `eth` behind the last entry whose name is not greater. */
 void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth);

@@ -7,7 +7,6 @@
 #include "agent_text.h"
 #include "config_network_internal.h"
 #include "config_network_query.h"
-#include "config_network_sysfs.h"
 
 namespace zorvik
 {
@@ -15,8 +14,6 @@ namespace zorvik
 void show_link_layer(query_socket_t &queries, int indent, const char *name)
 {
     constexpr char log_name[] = "config_show_network";
-    if (!has_hardware(name))
-        return;
     if (show_dev_mii_info(queries, indent, name) != 0) {
         debug_at(3, "%% %s: device '%s' has no MII calling ethtool\n", log_name, name);
         if (show_dev_ethtool_info(queries, indent, name) != 0)

@@ -11,10 +11,7 @@
 namespace zorvik
 {
 
-/**
- * Writes what is known of a device's link, by MII or else by ethtool, and what wakes it up. A
- * device without hardware behind it has nothing of all that.
- */
+/** Writes what is known of a device's link, by MII or else by ethtool, and what wakes it up. */
 void show_link_layer(query_socket_t &queries, int indent, const char *name);
 
 /**

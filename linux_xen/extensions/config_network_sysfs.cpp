@@ -15,19 +15,22 @@
 namespace zorvik
 {
 
-bool has_hardware(const char *name)
+bool has_hardware(const char *name, int directory)
 {
+    if (directory >= 0)
+        return path_exists("device", directory);
     return path_exists(path_t<128>("%s/%s/device", net_class, name).text);
 }
 
-int get_device_mac_addr(const char *dev_name, char *mac, int mac_size)
+int get_device_mac_addr(const char *dev_name, char *mac, int mac_size, int directory)
 {
     if (!dev_name || !mac || mac_size < 1) {
         error_invalid_arguments(__func__);
         return 0;
     }
-    const path_t<128> path("%s/%s/%s", net_class, dev_name, "address");
-    const unique_fd file = open_file(path.text);
+    constexpr char address[] = "address";
+    const path_t<128> path("%s/%s/%s", net_class, dev_name, address);
+    const unique_fd file = directory < 0 ? open_file(path.text) : open_file(address, directory);
     if (!file) {
         const int error = errno;
         error_print("%s: unable to open %s, errno %d (%s)\n", __func__, path.text, error,

@@ -12,16 +12,16 @@ namespace zorvik
 inline constexpr char net_class[] = "/sys/class/net/";
 
 /**
- * Whether there is hardware behind a device, rather than the kernel alone. Leaves errno as stat(2)
- * set it.
+ * Whether there is hardware behind a device, rather than the kernel alone. `directory` is its open
+ * entry, or -1. Leaves errno as access(2) set it.
  */
-bool has_hardware(const char *name);
+bool has_hardware(const char *name, int directory = -1);
 
 /**
  * Copies the kernel's text of a device's hardware address into `mac`, a buffer of `mac_size` bytes.
- * Returns 1, or 0 when there is none.
+ * `directory` is the device's open entry, or -1. Returns 1, or 0 when there is none.
  */
-int get_device_mac_addr(const char *dev_name, char *mac, int mac_size);
+int get_device_mac_addr(const char *dev_name, char *mac, int mac_size, int directory = -1);
 
 inline constexpr size_t most_chunk = 1024;
 

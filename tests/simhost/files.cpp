@@ -104,6 +104,13 @@ int stat_path(const char *path, struct stat *status, bool follow)
     return 0;
 }
 
+/** The path that a relative one stands for below an open directory of the host's. */
+std::string below(int at, const char *path)
+{
+    const auto base = descriptors().find(at);
+    return path[0] == '/' || base == descriptors().end() ? path : base->second + "/" + path;
+}
+
 mode_t mode_argument(int flags, va_list arguments)
 {
     return flags & (O_CREAT | O_TMPFILE) ? va_arg(arguments, mode_t) : 0;
@@ -166,9 +173,7 @@ int openat(int at, const char *path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = mode_argument(flags, arguments);
     va_end(arguments);
-    const auto base = descriptors().find(at);
-    const std::string whole =
-        path[0] == '/' || base == descriptors().end() ? path : base->second + "/" + path;
+    const std::string whole = below(at, path);
     if (!served(whole))
         return REAL(openat)(at, path, flags, mode);
     return plan("open", whole) == outcome::failed ? -1 : open_path(whole, flags);
@@ -252,6 +257,15 @@ int stat(const char *path, struct stat *status)
     if (!served(path))
         return REAL(stat)(path, status);
     return plan("stat") == outcome::failed ? -1 : stat_path(path, status, true);
+}
+
+int faccessat(int at, const char *path, int mode, int flags)
+{
+    const std::string whole = below(at, path);
+    if (!served(whole))
+        return REAL(faccessat)(at, path, mode, flags);
+    struct stat status;
+    return plan("stat") == outcome::failed ? -1 : stat_path(whole.c_str(), &status, true);
 }
 
 int lstat(const char *path, struct stat *status)
