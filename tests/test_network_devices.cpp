@@ -43,3 +43,23 @@ TEST_F(Devices, FailuresEndTheListAndKeepWhatItHad)
     EXPECT_EQ(get_network_device_list(nullptr), EINVAL);
     EXPECT_EQ(check_real_device(nullptr, {}), 0);
 }
+
+TEST_F(Devices, AreSortedWhereverTheSearchBegins)
+{
+    for (int start = 0; start < 8; start++) {
+        device_list_t devices;
+        std::vector<eth_device_t *> listed;
+        for (const char *name : {"d", "b", "e", "b", "a", "d", "c", "b"}) {
+            auto *eth = static_cast<eth_device_t *>(calloc(1, sizeof(eth_device_t)));
+            eth->device_name = strdup(name);
+            eth->card_nr = static_cast<int>(listed.size());
+            const size_t near = static_cast<size_t>(start);
+            insert_device_sorted(&devices.head, eth, near < listed.size() ? listed[near] : nullptr);
+            listed.push_back(eth);
+        }
+        std::string order;
+        while (const unique_device device = devices.take_first())
+            order += device->device_name + std::to_string(device->card_nr);
+        EXPECT_EQ(order, "a4b1b3b7c6d0d5e2") << start;
+    }
+}

@@ -74,9 +74,12 @@ void query_addresses(query_socket_t &queries, eth_device_t *eth)
     }
 }
 
-/** Lists the device that a line of the kernel's table is about, if it is one to report. */
+/**
+ * Lists the device that a line of the kernel's table is about, if it is one to report; it is then
+ * the `last` one listed.
+ */
 int list_device(query_socket_t &queries, const bond_list_t &bonds, const char *name_field,
-                eth_header_t *hdr)
+                eth_header_t *hdr, eth_device_t *&last)
 {
     unique_text name{string_trim(name_field)};
     if (!name) {
@@ -93,7 +96,8 @@ int list_device(query_socket_t &queries, const bond_list_t &bonds, const char *n
         return ENOMEM;
     }
     eth->device_name = name.release();
-    insert_device_sorted(hdr, eth);
+    insert_device_sorted(hdr, eth, last);
+    last = eth;
     query_addresses(queries, eth);
     return 0;
 }
@@ -107,13 +111,14 @@ int list_network_devices(query_socket_t &queries, const bond_list_t &bonds, eth_
     const unique_stream table{fopen(device_table, "re")};
     if (!table)
         return error_errno(log_name, errno, "unable to open %s", device_table);
+    eth_device_t *last = nullptr;
     char line[256];
     while (fgets(line, sizeof line, table.get())) {
         char *colon = strchr(line, ':');
         if (!colon)
             continue;
         *colon = '\0';
-        if (const int status = list_device(queries, bonds, line, hdr))
+        if (const int status = list_device(queries, bonds, line, hdr, last))
             return status;
     }
     if (ferror(table.get()))
@@ -188,16 +193,21 @@ bool bond_list_t::has(const char *name) const
     return exists && path_exists(path_t<128>("%s/%s", bonding_directory, name).text);
 }
 
-void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth)
+void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth, eth_device_t *near)
 {
-    // The kernel lists most devices in the order of their names.
-    eth_device_t *before = TAILQ_LAST(hdr, eth_header_s);
-    while (before && strcmp(before->device_name, eth->device_name) > 0)
+    const auto is_behind = [eth](const eth_device_t *other) {
+        return strcmp(other->device_name, eth->device_name) > 0;
+    };
+    eth_device_t *before = near ? near : TAILQ_LAST(hdr, eth_header_s);
+    while (before && is_behind(before))
         before = TAILQ_PREV(before, eth_header_s, eth_entry);
-    if (before)
-        TAILQ_INSERT_AFTER(hdr, before, eth, eth_entry);
+    eth_device_t *next = before ? TAILQ_NEXT(before, eth_entry) : TAILQ_FIRST(hdr);
+    while (next && !is_behind(next))
+        next = TAILQ_NEXT(next, eth_entry);
+    if (next)
+        TAILQ_INSERT_BEFORE(next, eth, eth_entry);
     else
-        TAILQ_INSERT_HEAD(hdr, eth, eth_entry);
+        TAILQ_INSERT_TAIL(hdr, eth, eth_entry);
 }
 
 } // namespace zorvik

@@ -38,8 +38,11 @@ int check_real_device(const char *devName, const bond_list_t &bonds);
  */
 int infiniband_device(const char *devName, int interfaces = -1);
 
-/** Links `eth` behind the last entry whose name is not greater. */
-void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth);
+/**
+ * Links `eth` behind the last entry whose name is not greater. The search begins at the entry
+ * `near`, or at the tail: the kernel lists devices in runs of ascending names.
+ */
+void insert_device_sorted(eth_header_t *hdr, eth_device_t *eth, eth_device_t *near = nullptr);
 
 /** Whether an address block tells the MTU. */
 enum family_content { without_mtu, with_mtu };
