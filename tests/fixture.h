@@ -8,6 +8,7 @@
 #include "agent_files.h"
 #include "agent_handles.h"
 #include "agent_text.h"
+#include "fault_plan.h"
 #include "simhost/simhost.h"
 
 using namespace zorvik;

@@ -119,6 +119,7 @@ TEST_F(Network, OpenSwitchToolReapedByOthers)
 TEST_F(Network, NothingIsClosedAfterAFailedAppend)
 {
     load(bond + "Slave Interface: eth0\nSpeed: 10\n");
+    simhost_count();
     ASSERT_EQ(bonding_discover(0), 0);
     const std::string whole = response();
     int ended = 0;

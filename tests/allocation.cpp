@@ -1,6 +1,6 @@
 // Lets the fault plan fail the product's allocations. Linked into test programs with --wrap, so
 // that only what they contain is affected; a sanitizer's allocator stays in its place.
-#include "simhost.h"
+#include "simhost/simhost.h"
 
 #include <cstdlib>
 

@@ -16,12 +16,7 @@ using namespace simhost;
 namespace
 {
 
-struct fault_t {
-    std::string call;
-    int first;
-    int error;
-    int times;
-};
+using open_file_t = std::map<int, std::string>::value_type;
 
 struct directory_t {
     std::vector<std::pair<std::string, unsigned char>> entries;
@@ -32,10 +27,7 @@ struct directory_t {
 
 /** Never destroyed: calls come before the first constructor and after the last destructor. */
 struct state_t {
-    fault_t fault;
-    std::map<std::string, int> counts;
     std::map<int, std::string> descriptors;
-    std::string failed_path;
     std::set<void *> directories;
 };
 
@@ -85,12 +77,12 @@ int open_path(const std::string &path, int flags)
 
 ssize_t read_stream(void *cookie, char *buffer, size_t size)
 {
-    return read(static_cast<int>(reinterpret_cast<intptr_t>(cookie)), buffer, size);
+    return read(static_cast<open_file_t *>(cookie)->first, buffer, size);
 }
 
 int close_stream(void *cookie)
 {
-    return close(static_cast<int>(reinterpret_cast<intptr_t>(cookie)));
+    return close(static_cast<open_file_t *>(cookie)->first);
 }
 
 int stat_path(const char *path, struct stat *status, bool follow)
@@ -121,35 +113,6 @@ mode_t mode_argument(int flags, va_list arguments)
 std::map<int, std::string> &simhost::descriptors()
 {
     return state().descriptors;
-}
-
-outcome simhost::plan(const char *call, const std::string &path)
-{
-    if (!host().loaded)
-        return outcome::normal;
-    const fault_t &fault = state().fault;
-    const int count = ++state().counts[call];
-    if (fault.call != call || count < fault.first || count - fault.first >= fault.times)
-        return outcome::normal;
-    errno = fault.error;
-    state().failed_path = path;
-    return fault.error > 0 ? outcome::failed : fault.error < 0 ? outcome::ended : outcome::cut;
-}
-
-void simhost_fail(const char *call, int nth, int error, int times)
-{
-    state().fault = {call, nth, error, times};
-    state().counts.clear();
-}
-
-const char *simhost_failed_path()
-{
-    return state().failed_path.c_str();
-}
-
-int simhost_calls(const char *call)
-{
-    return state().counts[call];
 }
 
 extern "C" {
@@ -246,7 +209,7 @@ FILE *fopen(const char *path, const char *mode)
                        : open_path(path, strchr(mode, 'e') ? O_CLOEXEC : 0);
     if (fd < 0)
         return nullptr;
-    return fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "r",
+    return fopencookie(&*descriptors().find(fd), "r",
                        {read_stream, nullptr, nullptr, close_stream});
 }
 
@@ -299,9 +262,10 @@ DIR *opendir(const char *path)
     if (fd < 0)
         return nullptr;
     auto *directory = new directory_t{{{".", DT_DIR}, {"..", DT_DIR}}, 0, fd, {}};
-    for (const std::string &name : node->names)
-        directory->entries.emplace_back(name,
-                                        entry_types[host().nodes[canonical + "/" + name].kind]);
+    for (const std::string &name : node->names) {
+        const std::string entry = std::string(canonical).append("/").append(name);
+        directory->entries.emplace_back(name, entry_types[host().nodes[entry].kind]);
+    }
     state().directories.insert(directory);
     return reinterpret_cast<DIR *>(directory);
 }

@@ -12,8 +12,7 @@ extern "C" time_t time(time_t *also)
     const char *step = answer("time", "step", 0);
     if (!now)
         return REAL(time)(also);
-    plan("time");
-    const time_t seconds = atol(now) + (simhost_calls("time") - 1) * (step ? atol(step) : 0);
+    const time_t seconds = atol(now) + host().times_told++ * (step ? atol(step) : 0);
     if (also)
         *also = seconds;
     return seconds;

@@ -17,6 +17,11 @@ host_t &host()
     return the_host;
 }
 
+outcome plan(const char *call, const std::string &path)
+{
+    return host().loaded && host().plan ? host().plan(call, path) : outcome::normal;
+}
+
 bool served(const std::string &path)
 {
     if (!host().loaded)
@@ -63,7 +68,7 @@ node_t *walk(const std::string &path, bool follow, bool create, std::string *can
             node = &nodes[current];
             continue;
         }
-        const std::string next = current + "/" + name;
+        const std::string next = std::string(current).append("/").append(name);
         if (!nodes.count(next)) {
             if (!create) {
                 errno = ENOENT;
@@ -220,7 +225,6 @@ int simhost_load(const char *recording)
 void simhost_unload()
 {
     host() = {};
-    simhost_fail("", 0, 0, 0);
 }
 
 void simhost_put(const char *path, const void *content, size_t size)

@@ -1,6 +1,6 @@
 /**
  * A simulated host. Linked ahead of libc, or preloaded, it answers the system calls below /proc and
- * /sys, of /dev/mem and of the network devices from a recorded host, and fails chosen calls.
+ * /sys, of /dev/mem and of the network devices from a recorded host.
  *
  * A recording is a text file of headings, each with its content in the lines below:
  *   === /PATH [noeol] [open=ERRNO] [read=ERRNO]   a file, or how opening or reading it fails
@@ -45,19 +45,6 @@ void simhost_unload();
 /** Adds a file to the host, or replaces one. */
 void simhost_put(const char *path, const void *content, size_t size);
 
-/**
- * Makes the `nth` next call (from 1) of the libc function `call`, and of `times` - 1 after it, fail
- * with `error`; 0 makes a read short by half, -1 ends the file.
- */
-void simhost_fail(const char *call, int nth, int error, int times);
-
-/** How many calls of a libc function were made below the host since the load or the last fault
- * plan. */
-int simhost_calls(const char *call);
-
-/** The path of the call that the fault plan failed last, empty if it has none. */
-const char *simhost_failed_path();
-
 } // extern "C"
 
 namespace simhost
@@ -72,8 +59,15 @@ struct node_t {
     int read_error = 0;
 };
 
+/** What becomes of a call; one that fails has errno set. */
+enum class outcome { normal, failed, cut, ended };
+
 struct host_t {
     bool loaded = false;
+    int times_told = 0; // how often time() was called
+    /** Decides on every call of a libc function, by its name and the path it has; null lets all be
+     * normal. */
+    outcome (*plan)(const char *call, const std::string &path) = nullptr;
     std::map<std::string, node_t> nodes;
     std::map<std::string, std::map<std::string, std::string>> sections;
 };
@@ -92,9 +86,7 @@ int error_number(const std::string &name);
 /** The value of `key` in a section, or null with errno set to what it says or else to `missing`. */
 const char *answer(const std::string &section, const char *key, int missing);
 
-enum class outcome { normal, failed, cut, ended };
-
-/** Counts a call and says what the fault plan wants of it; sets errno when it is to fail. */
+/** What the host's plan makes of a call. */
 outcome plan(const char *call, const std::string &path = "");
 
 /** The descriptors and paths that the host has open. */
