@@ -61,7 +61,7 @@ TEST_F(Network, OpenSwitchTool)
         {tool + "echo eth0; sleep 0.2; echo eth1 2>&-; exit 0", "|eth0", ""}, // one read
         {tool + "sleep 0.1; exit 0", "", ""},
         {tool + "for n in 0 2 3 4 5 6 7 8; do [ /proc/$$/fd/$n -ef /proc/$$/fd/1 ] && echo $n; "
-                "readlink /proc/$$/fd/$n | grep memfd; done; :",
+                "readlink /proc/$$/fd/$n | grep eventfd; done; :",
          "", ""}, // neither end of the pipe is open a second time, nor a file of the host
         {tool + "echo eth0; exit 2", "", "", -1},
         {tool + "echo eth0; kill -9 $$", "", "", -1},

@@ -1,5 +1,6 @@
 #include "simhost.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <set>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,8 +17,6 @@ using namespace simhost;
 
 namespace
 {
-
-using open_file_t = std::map<int, std::string>::value_type;
 
 struct directory_t {
     std::vector<std::pair<std::string, unsigned char>> entries;
@@ -27,7 +27,7 @@ struct directory_t {
 
 /** Never destroyed: calls come before the first constructor and after the last destructor. */
 struct state_t {
-    std::map<int, std::string> descriptors;
+    std::map<int, open_file_t> descriptors;
     std::set<void *> directories;
 };
 
@@ -40,25 +40,54 @@ state_t &state()
 constexpr unsigned char entry_types[] = {DT_REG, DT_DIR, DT_LNK};
 constexpr mode_t modes[] = {S_IFREG | 0444, S_IFDIR | 0555, S_IFLNK | 0777};
 
-/** A real descriptor with the file's bytes, so that everything after the open is the kernel's. */
+size_t size_of(const node_t &node)
+{
+    constexpr size_t page = 4096;
+    size_t size = node.content.size();
+    for (const auto &[address, bytes] : node.memory)
+        size = std::max(size, (address + bytes.size() + page - 1) / page * page);
+    return size;
+}
+
+/** Reads from the position `at`. Between the parts of a memory there are zeros. */
+ssize_t read_node(const node_t &node, size_t at, char *buffer, size_t wanted)
+{
+    const size_t whole = size_of(node);
+    const size_t size = at < whole ? std::min(wanted, whole - at) : 0;
+    const size_t copied = at < node.content.size() ? node.content.copy(buffer, size, at) : 0;
+    std::fill(buffer + copied, buffer + size, '\0');
+    for (const auto &[address, bytes] : node.memory) {
+        const size_t start = std::max<size_t>(at, address);
+        const size_t end = std::min(at + size, address + bytes.size());
+        if (start < end)
+            bytes.copy(buffer + (start - at), end - start, start - address);
+    }
+    return static_cast<ssize_t>(size);
+}
+
+/** A file of the kernel's with the bytes, to be mapped. */
+int make_file(const node_t &node)
+{
+    const int fd = memfd_create("simhost", MFD_CLOEXEC);
+    bool written = ftruncate(fd, static_cast<off_t>(size_of(node))) == 0 &&
+                   pwrite(fd, node.content.data(), node.content.size(), 0) >= 0;
+    for (const auto &[address, bytes] : node.memory)
+        written &= pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(address)) >= 0;
+    if (!written)
+        perror("simhost");
+    return fd;
+}
+
+/** A descriptor that is the kernel's; what is read from it is the recording's. */
 int open_node(const node_t &node, const std::string &path, int flags)
 {
     if (node.open_error) {
         errno = node.open_error;
         return -1;
     }
-    const int fd = memfd_create(path.c_str(), flags & O_CLOEXEC ? MFD_CLOEXEC : 0);
-    bool written = pwrite(fd, node.content.data(), node.content.size(), 0) >= 0;
-    for (const auto &[address, bytes] : node.memory) {
-        const off_t page = 4096;
-        const off_t end = static_cast<off_t>(address + bytes.size());
-        written = ftruncate(fd, (end + page - 1) / page * page) == 0 && written;
-        written =
-            pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(address)) >= 0 && written;
-    }
-    if (!written)
-        perror("simhost");
-    descriptors()[fd] = path;
+    const int fd = eventfd(0, EFD_NONBLOCK | (flags & O_CLOEXEC ? EFD_CLOEXEC : 0));
+    if (fd >= 0)
+        descriptors()[fd] = {path, &node, 0};
     return fd;
 }
 
@@ -77,12 +106,12 @@ int open_path(const std::string &path, int flags)
 
 ssize_t read_stream(void *cookie, char *buffer, size_t size)
 {
-    return read(static_cast<open_file_t *>(cookie)->first, buffer, size);
+    return read(*static_cast<const int *>(cookie), buffer, size);
 }
 
 int close_stream(void *cookie)
 {
-    return close(static_cast<open_file_t *>(cookie)->first);
+    return close(*static_cast<const int *>(cookie));
 }
 
 int stat_path(const char *path, struct stat *status, bool follow)
@@ -100,7 +129,7 @@ int stat_path(const char *path, struct stat *status, bool follow)
 std::string below(int at, const char *path)
 {
     const auto base = descriptors().find(at);
-    return path[0] == '/' || base == descriptors().end() ? path : base->second + "/" + path;
+    return path[0] == '/' || base == descriptors().end() ? path : base->second.path + "/" + path;
 }
 
 mode_t mode_argument(int flags, va_list arguments)
@@ -110,7 +139,7 @@ mode_t mode_argument(int flags, va_list arguments)
 
 } // namespace
 
-std::map<int, std::string> &simhost::descriptors()
+std::map<int, open_file_t> &simhost::descriptors()
 {
     return state().descriptors;
 }
@@ -157,15 +186,18 @@ ssize_t read(int fd, void *buffer, size_t size)
     const auto file = descriptors().find(fd);
     if (file == descriptors().end())
         return REAL(read)(fd, buffer, size);
-    const node_t *node = find(file->second, true);
-    const outcome wanted = plan("read", file->second);
-    if (node && (node->read_error || node->kind == node_t::directory))
-        errno = node->read_error ? node->read_error : EISDIR;
-    else if (wanted == outcome::ended)
-        return 0;
-    else if (wanted != outcome::failed)
-        return REAL(read)(fd, buffer, wanted == outcome::cut ? size / 2 : size);
-    return -1;
+    auto &[path, node, at] = file->second;
+    const outcome wanted = plan("read", path);
+    if (!node || node->read_error || node->kind == node_t::directory) {
+        errno = !node ? EBADF : node->read_error ? node->read_error : EISDIR;
+        return -1;
+    }
+    if (wanted == outcome::failed || wanted == outcome::ended)
+        return wanted == outcome::failed ? -1 : 0;
+    const ssize_t length =
+        read_node(*node, at, static_cast<char *>(buffer), wanted == outcome::cut ? size / 2 : size);
+    at += static_cast<size_t>(length);
+    return length;
 }
 
 ssize_t __read_chk(int fd, void *buffer, size_t size, size_t)
@@ -176,21 +208,37 @@ ssize_t __read_chk(int fd, void *buffer, size_t size, size_t)
 off_t lseek(int fd, off_t offset, int whence)
 {
     const auto file = descriptors().find(fd);
-    if (file != descriptors().end() && plan("lseek", file->second) == outcome::failed)
+    if (file == descriptors().end())
+        return REAL(lseek)(fd, offset, whence);
+    auto &[path, node, at] = file->second;
+    if (plan("lseek", path) == outcome::failed)
         return -1;
-    return REAL(lseek)(fd, offset, whence);
+    if (whence == SEEK_CUR)
+        offset += static_cast<off_t>(at);
+    else if (whence == SEEK_END && node)
+        offset += static_cast<off_t>(size_of(*node));
+    if (offset < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    at = static_cast<size_t>(offset);
+    return offset;
 }
 
 off64_t lseek64(int fd, off64_t offset, int whence) __attribute__((alias("lseek")));
 
 void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t offset)
 {
-    if (descriptors().count(fd)) {
-        // Behind its end a mapped file faults when it is touched, and so does the memory device.
-        if (plan("mmap") == outcome::failed)
-            return MAP_FAILED;
-    }
-    return REAL(mmap)(address, size, protection, flags, fd, offset);
+    const auto file = descriptors().find(fd);
+    if (file == descriptors().end() || !file->second.node)
+        return REAL(mmap)(address, size, protection, flags, fd, offset);
+    if (plan("mmap") == outcome::failed)
+        return MAP_FAILED;
+    // Behind its end a mapped file faults when it is touched, and so does the memory device.
+    const int bytes = make_file(*file->second.node);
+    void *const mapped = REAL(mmap)(address, size, protection, flags, bytes, offset);
+    REAL(close)(bytes);
+    return mapped;
 }
 
 int munmap(void *address, size_t size)
@@ -209,7 +257,7 @@ FILE *fopen(const char *path, const char *mode)
                        : open_path(path, strchr(mode, 'e') ? O_CLOEXEC : 0);
     if (fd < 0)
         return nullptr;
-    return fopencookie(&*descriptors().find(fd), "r",
+    return fopencookie(const_cast<int *>(&descriptors().find(fd)->first), "r",
                        {read_stream, nullptr, nullptr, close_stream});
 }
 

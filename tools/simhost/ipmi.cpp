@@ -115,7 +115,7 @@ int receive_message(struct ipmi_recv *received)
 bool simhost::is_ipmi(int fd)
 {
     const auto file = descriptors().find(fd);
-    return file != descriptors().end() && file->second == "/dev/ipmi0";
+    return file != descriptors().end() && file->second.path == "/dev/ipmi0";
 }
 
 void simhost::ipmi_close()

@@ -68,15 +68,17 @@ node_t *walk(const std::string &path, bool follow, bool create, std::string *can
             node = &nodes[current];
             continue;
         }
-        const std::string next = std::string(current).append("/").append(name);
-        if (!nodes.count(next)) {
+        const size_t parent = current.size();
+        auto next = nodes.find(current.append("/").append(name));
+        if (next == nodes.end()) {
             if (!create) {
                 errno = ENOENT;
                 return nullptr;
             }
             node->names.push_back(name);
+            next = nodes.try_emplace(current).first;
         }
-        node_t *child = &nodes[next];
+        node_t *const child = &next->second;
         if (child->kind == node_t::link && (follow || !rest.empty())) {
             if (++links > 16) {
                 errno = ELOOP;
@@ -84,13 +86,13 @@ node_t *walk(const std::string &path, bool follow, bool create, std::string *can
             }
             const auto target = split(child->content);
             rest.insert(rest.begin(), target.begin(), target.end());
+            current.resize(parent);
             if (child->content[0] == '/') {
                 current.clear();
                 node = &nodes[""];
             }
             continue;
         }
-        current = next;
         node = child;
     }
     if (canonical)
@@ -225,6 +227,8 @@ int simhost_load(const char *recording)
 void simhost_unload()
 {
     host() = {};
+    for (auto &[fd, file] : descriptors())
+        file.node = nullptr;
 }
 
 void simhost_put(const char *path, const void *content, size_t size)

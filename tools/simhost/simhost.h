@@ -33,6 +33,7 @@
 #include <dlfcn.h>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 extern "C" {
@@ -68,7 +69,7 @@ struct host_t {
     /** Decides on every call of a libc function, by its name and the path it has; null lets all be
      * normal. */
     outcome (*plan)(const char *call, const std::string &path) = nullptr;
-    std::map<std::string, node_t> nodes;
+    std::unordered_map<std::string, node_t> nodes; // by their paths, links resolved
     std::map<std::string, std::map<std::string, std::string>> sections;
 };
 
@@ -89,8 +90,14 @@ const char *answer(const std::string &section, const char *key, int missing);
 /** What the host's plan makes of a call. */
 outcome plan(const char *call, const std::string &path = "");
 
-/** The descriptors and paths that the host has open. */
-std::map<int, std::string> &descriptors();
+struct open_file_t {
+    std::string path;
+    const node_t *node; // null once its host is gone
+    size_t at;
+};
+
+/** What the host has open, by the descriptor. */
+std::map<int, open_file_t> &descriptors();
 
 /** The IPMI device: whether a descriptor is one, and the answer to a request on it. */
 bool is_ipmi(int fd);
