@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <sstream>
 
@@ -22,7 +21,7 @@ outcome plan(const char *call, const std::string &path)
     return host().loaded && host().plan ? host().plan(call, path) : outcome::normal;
 }
 
-bool served(const std::string &path)
+bool served(std::string_view path)
 {
     if (!host().loaded)
         return false;
@@ -38,27 +37,19 @@ bool served(const std::string &path)
 namespace
 {
 
-std::deque<std::string> split(const std::string &path)
-{
-    std::deque<std::string> components;
-    for (size_t at = 0, end = 0; end < path.size(); at = end + 1) {
-        end = std::min(path.find('/', at), path.size());
-        if (end > at && path.compare(at, end - at, ".") != 0)
-            components.push_back(path.substr(at, end - at));
-    }
-    return components;
-}
-
 /** Walks a path through links. With `create`, directories that are missing are made. */
-node_t *walk(const std::string &path, bool follow, bool create, std::string *canonical)
+node_t *walk(std::string path, bool follow, bool create, std::string *canonical)
 {
     auto &nodes = host().nodes;
-    std::deque<std::string> rest = split(path);
     std::string current;
     node_t *node = &nodes[""];
-    for (int links = 0; !rest.empty();) {
-        const std::string name = rest.front();
-        rest.pop_front();
+    int links = 0;
+    for (size_t at = 0, end; (at = path.find_first_not_of('/', at)) != std::string::npos;
+         at = end) {
+        end = std::min(path.find('/', at), path.size());
+        const std::string_view name = std::string_view(path).substr(at, end - at);
+        if (name == ".")
+            continue;
         if (node->kind != node_t::directory) {
             errno = ENOTDIR;
             return nullptr;
@@ -75,25 +66,26 @@ node_t *walk(const std::string &path, bool follow, bool create, std::string *can
                 errno = ENOENT;
                 return nullptr;
             }
-            node->names.push_back(name);
+            node->names.emplace_back(name);
             next = nodes.try_emplace(current).first;
         }
         node_t *const child = &next->second;
-        if (child->kind == node_t::link && (follow || !rest.empty())) {
-            if (++links > 16) {
-                errno = ELOOP;
-                return nullptr;
-            }
-            const auto target = split(child->content);
-            rest.insert(rest.begin(), target.begin(), target.end());
-            current.resize(parent);
-            if (child->content[0] == '/') {
-                current.clear();
-                node = &nodes[""];
-            }
+        const bool last = path.find_first_not_of('/', end) == std::string::npos;
+        if (child->kind != node_t::link || (last && !follow)) {
+            node = child;
             continue;
         }
-        node = child;
+        if (++links > 16) {
+            errno = ELOOP;
+            return nullptr;
+        }
+        path.replace(0, end, child->content);
+        end = 0;
+        current.resize(parent);
+        if (path[0] == '/') {
+            current.clear();
+            node = &nodes[""];
+        }
     }
     if (canonical)
         *canonical = current;

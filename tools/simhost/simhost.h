@@ -33,6 +33,7 @@
 #include <dlfcn.h>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -76,7 +77,7 @@ struct host_t {
 host_t &host();
 
 /** Whether the host answers for the path, rather than this machine. */
-bool served(const std::string &path);
+bool served(std::string_view path);
 
 /** Finds what stands at a path. Returns null and sets errno when nothing does. */
 node_t *find(const std::string &path, bool follow, std::string *canonical = nullptr);
