@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iomanip>
+#include <set>
 #include <sstream>
 
 #include "agent_discover.h"
@@ -14,11 +15,12 @@ namespace fs = std::filesystem;
 std::vector<call_t> recorded_calls()
 {
     std::vector<call_t> calls;
-    for (const auto &host : fs::directory_iterator(HOSTS)) {
-        std::ifstream file{host.path() / "calls"};
+    const fs::directory_iterator first{HOSTS}, last;
+    for (const fs::path &host : std::set<fs::path>(first, last)) { // in the same order everywhere
+        std::ifstream file{host / "calls"};
         for (std::string line; std::getline(file, line);) {
             std::istringstream words{line};
-            call_t call{host.path(), "", "", "", 0};
+            call_t call{host, "", "", "", 0};
             if (words >> call.label >> call.status >> call.function && call.label[0] != '#') {
                 std::getline(words.ignore(), call.arguments);
                 calls.push_back(call);
