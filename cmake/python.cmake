@@ -11,7 +11,9 @@ function(add_extension_module target file include_dir)
     target_link_libraries(${target} PRIVATE core)
     target_include_directories(${target} SYSTEM PRIVATE ${include_dir})
     target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
-    target_link_options(${target} PRIVATE LINKER:--exclude-libs,ALL)
+    target_link_options(${target} PRIVATE LINKER:--exclude-libs,ALL
+        LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/module.map)
+    set_target_properties(${target} PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/module.map)
     set_target_properties(${target} PROPERTIES PREFIX "" OUTPUT_NAME ${file}
         LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/${target})
 endfunction()
