@@ -33,11 +33,11 @@ constexpr char log_name[] = "show_dev_stats";
 /**
  * Whether the traffic of an interface is reported: it is none of the virtual kinds, and no bridge.
  */
-bool is_reported(const char *name)
+bool is_reported(const char *name, int interfaces)
 {
     return std::none_of(std::begin(unreported_prefixes), std::end(unreported_prefixes),
                         [name](const char *prefix) { return has_prefix(name, prefix); }) &&
-           !path_exists(path_t<128>("%s/%s/bridge", net_class, name).text);
+           !path_exists(path_t<128>("%s/bridge", name).text, interfaces);
 }
 
 /** Writes what one read of a counter file gives, without the white space behind it. */
@@ -53,14 +53,13 @@ void send_value(int fd)
  * Writes the element of one counter, if its file can be opened. Returns 0 or the error of a failed
  * append.
  */
-int send_traffic_counter(int indent, const char *directory, const char *name)
+int send_traffic_counter(int indent, const attribute_place_t &statistics, const char *name)
 {
-    const path_t<256> path("%s/%s", directory, name);
-    const unique_fd file = open_file(path.text);
+    const unique_fd file = open_file(name, statistics.fd);
     if (!file) {
         const int error = errno;
-        error_print("? %s: unable to open '%s', errno %d(%s)\n", log_name, path.text, error,
-                    strerror(error));
+        error_print("? %s: unable to open '%s/%s', errno %d(%s)\n", log_name, statistics.prefix,
+                    name, error, strerror(error));
         return 0;
     }
     if (const int status = conn_send_lines(256, indent, "<%s>", name))
@@ -77,15 +76,17 @@ int show_dev_stats(int indent, const char *name, int)
 {
     if (indent < 0 || !name)
         return error_invalid_arguments(__func__);
-    const path_t<256> directory("%s/%s/%s", net_class, name, "statistics");
-    if (!unique_directory{opendir(directory.text)})
-        return error_errno(__func__, errno, "unable to open '%s'", directory.text);
+    const path_t<256> path("%s/%s/%s", net_class, name, "statistics");
+    const unique_directory directory{opendir(path.text)};
+    if (!directory)
+        return error_errno(__func__, errno, "unable to open '%s'", path.text);
+    const attribute_place_t statistics = {dirfd(directory.get()), path.text};
     if (const int status = conn_send_lines(256, indent, "<Device Name=\"%s\">\n", name))
         return status;
     if (const int status = conn_send_start("Statistics", indent + 2))
         return status;
     for (const net_stat &counter : net_stats)
-        if (send_traffic_counter(indent + 4, directory.text, counter.name) != 0)
+        if (send_traffic_counter(indent + 4, statistics, counter.name) != 0)
             break;
     return conn_send_lines(256, indent,
                            "  </Statistics>\n"
@@ -101,7 +102,7 @@ int network_status(int indent, int onlyMinimum)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_start("Network", indent);
     while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
-        if (is_reported(name))
+        if (is_reported(name, dirfd(interfaces.get())))
             if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
                 return conn_close_early("Network", indent, status);
     return conn_send_end("Network", indent);
