@@ -22,6 +22,7 @@
 #include "config_network_internal.h"
 #include "config_network_query.h"
 #include "config_network_sysfs.h"
+#include "interface_requests.h"
 
 using namespace zorvik;
 
@@ -65,36 +66,28 @@ std::string mii_registers(exchange_t &to)
     return words + format("\nmii_first %04x", first);
 }
 
-/** A question to a network device: the key of its answer, the errno that goes without saying. */
+/** A question to a network device, and how its answer is written. */
 struct question_t {
-    const char *key;
-    unsigned long request;
-    uint32_t command; // of SIOCETHTOOL
-    int missing;
+    interface_request_t asked;
     std::string (*text)(exchange_t &to);
 };
 
 constexpr question_t questions[] = {
-    {"hwaddr", SIOCGIFHWADDR, 0, ENODEV,
-     [](exchange_t &to) { return mask_text(to.queries.mac().text); }},
-    {"address", SIOCGIFADDR, 0, EADDRNOTAVAIL, inet_address},
-    {"netmask", SIOCGIFNETMASK, 0, EADDRNOTAVAIL, inet_address},
-    {"broadcast", SIOCGIFBRDADDR, 0, EADDRNOTAVAIL, inet_address},
-    {"flags", SIOCGIFFLAGS, 0, ENODEV,
-     [](exchange_t &to) { return format("0x%hx", to.queries.answer.ifr_flags); }},
-    {"mtu", SIOCGIFMTU, 0, ENODEV,
-     [](exchange_t &to) { return format("%d", to.queries.answer.ifr_mtu); }},
-    {"mii", SIOCGMIIPHY, 0, EOPNOTSUPP, mii_registers},
-    {"glink", SIOCETHTOOL, ETHTOOL_GLINK, EOPNOTSUPP,
-     [](exchange_t &to) { return format("%u", to.ethtool.value.data); }},
-    {"gset", SIOCETHTOOL, ETHTOOL_GSET, EOPNOTSUPP,
+    {hwaddr_request, [](exchange_t &to) { return mask_text(to.queries.mac().text); }},
+    {address_request, inet_address},
+    {netmask_request, inet_address},
+    {broadcast_request, inet_address},
+    {flags_request, [](exchange_t &to) { return format("0x%hx", to.queries.answer.ifr_flags); }},
+    {mtu_request, [](exchange_t &to) { return format("%d", to.queries.answer.ifr_mtu); }},
+    {mii_request, mii_registers},
+    {glink_request, [](exchange_t &to) { return format("%u", to.ethtool.value.data); }},
+    {gset_request,
      [](exchange_t &to) {
          const struct ethtool_cmd &settings = to.ethtool.settings;
          return format("%x %x %u %u %u", settings.supported, settings.advertising, settings.speed,
                        settings.duplex, settings.autoneg);
      }},
-    {"gwol", SIOCETHTOOL, ETHTOOL_GWOL, EOPNOTSUPP,
-     [](exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
+    {gwol_request, [](exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
 };
 
 /** Puts a stand-in in place of an address or identifier, written with the separator "." or ":". */
@@ -214,14 +207,14 @@ void record_interfaces()
     for (const std::string &name : interface_names()) {
         printf("=== [interface %s]\n", mask_name(name).c_str());
         for (const question_t &question : questions) {
-            exchange.ethtool = {.command = question.command};
-            const int error = question.request == SIOCETHTOOL
+            exchange.ethtool = {.command = question.asked.command};
+            const int error = question.asked.request == SIOCETHTOOL
                                   ? exchange.queries.ethtool(name.c_str(), &exchange.ethtool)
-                                  : exchange.queries.ask(name.c_str(), question.request);
+                                  : exchange.queries.ask(name.c_str(), question.asked.request);
             if (error == 0)
-                printf("%s %s\n", question.key, question.text(exchange).c_str());
-            else if (error != question.missing)
-                printf("%s !%s\n", question.key, error_name(error));
+                printf("%s %s\n", question.asked.key, question.text(exchange).c_str());
+            else if (error != question.asked.missing)
+                printf("%s !%s\n", question.asked.key, error_name(error));
         }
     }
 }

@@ -15,6 +15,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include "interface_requests.h"
+
 using namespace simhost;
 
 namespace
@@ -99,45 +101,39 @@ int answer_settings(const char *value, struct ifreq *request)
     return 0;
 }
 
-/** The requests to a network device: the key of the answer in its section, and the errno without
- * one. */
+/** A request to a network device, and what fills in its answer from the recorded one. */
 struct device_request_t {
-    unsigned long request;
-    uint32_t command; // of SIOCETHTOOL
-    const char *key;
-    int missing;
+    interface_request_t asked;
     int (*fill)(const char *value, struct ifreq *request);
 };
 
 constexpr device_request_t device_requests[] = {
-    {SIOCGIFHWADDR, 0, "hwaddr", ENODEV, answer_hwaddr},
-    {SIOCGIFADDR, 0, "address", EADDRNOTAVAIL, answer_inet},
-    {SIOCGIFBRDADDR, 0, "broadcast", EADDRNOTAVAIL, answer_inet},
-    {SIOCGIFNETMASK, 0, "netmask", EADDRNOTAVAIL, answer_inet},
-    {SIOCGIFFLAGS, 0, "flags", ENODEV, answer_number<short>},
-    {SIOCGIFMTU, 0, "mtu", ENODEV, answer_number<int>},
-    {SIOCGMIIPHY, 0, "mii", EOPNOTSUPP, answer_mii_phy},
-    {SIOCGMIIREG, 0, "mii", EOPNOTSUPP, answer_mii_register},
-    {SIOCETHTOOL, ETHTOOL_GLINK, "glink", EOPNOTSUPP,
-     answer_ethtool<ethtool_value, &ethtool_value::data>},
-    {SIOCETHTOOL, ETHTOOL_GSET, "gset", EOPNOTSUPP, answer_settings},
-    {SIOCETHTOOL, ETHTOOL_GWOL, "gwol", EOPNOTSUPP,
-     answer_ethtool<ethtool_wolinfo, &ethtool_wolinfo::wolopts>},
+    {hwaddr_request, answer_hwaddr},
+    {address_request, answer_inet},
+    {broadcast_request, answer_inet},
+    {netmask_request, answer_inet},
+    {flags_request, answer_number<short>},
+    {mtu_request, answer_number<int>},
+    {mii_request, answer_mii_phy},
+    {{"mii", SIOCGMIIREG, 0, EOPNOTSUPP}, answer_mii_register},
+    {glink_request, answer_ethtool<ethtool_value, &ethtool_value::data>},
+    {gset_request, answer_settings},
+    {gwol_request, answer_ethtool<ethtool_wolinfo, &ethtool_wolinfo::wolopts>},
 };
 
 bool matches(const device_request_t &row, unsigned long request, const void *argument)
 {
-    return row.request == request &&
+    return row.asked.request == request &&
            (request != SIOCETHTOOL ||
             *reinterpret_cast<const uint32_t *>(
-                static_cast<const struct ifreq *>(argument)->ifr_data) == row.command);
+                static_cast<const struct ifreq *>(argument)->ifr_data) == row.asked.command);
 }
 
 int answer_device(const device_request_t &row, struct ifreq *request)
 {
     if (plan("ioctl") == outcome::failed)
         return -1;
-    const char *value = answer(section_of(*request), row.key, row.missing);
+    const char *value = answer(section_of(*request), row.asked.key, row.asked.missing);
     return value ? row.fill(value, request) : -1;
 }
 
