@@ -30,8 +30,11 @@ std::string section_of(const struct ifreq &request)
 int answer_hwaddr(const char *value, struct ifreq *request)
 {
     auto *bytes = reinterpret_cast<unsigned char *>(request->ifr_hwaddr.sa_data);
-    for (size_t i = 0; i < 6; i++)
-        bytes[i] = static_cast<unsigned char>(strtol(value + 3 * i, nullptr, 16));
+    for (size_t i = 0; i < 6; i++) {
+        char *end = nullptr;
+        bytes[i] = static_cast<unsigned char>(strtol(value, &end, 16));
+        value = *end ? end + 1 : end;
+    }
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <linux/ipmi.h>
 #include <poll.h>
@@ -87,7 +88,7 @@ int send_command(const struct ipmi_req &request)
         else if (word.rfind("norecv=", 0) == 0)
             exchange().receive_error = error_number(word.substr(7));
         else if (word != "empty")
-            exchange().data += static_cast<char>(std::stoi(word, nullptr, 16));
+            exchange().data += static_cast<char>(strtoul(word.c_str(), nullptr, 16));
     }
     return 0;
 }

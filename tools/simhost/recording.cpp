@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -99,11 +100,11 @@ std::string from_hex(const std::string &text)
     for (std::string line; std::getline(lines, line);) {
         for (size_t at = 0; at < line.size() && line[at] != '#'; at++) {
             if (line[at] == '"') {
-                const size_t end = line.find('"', at + 1);
+                const size_t end = std::min(line.find('"', at + 1), line.size());
                 bytes += line.substr(at + 1, end - at - 1);
                 at = end;
             } else if (isxdigit(static_cast<unsigned char>(line[at]))) {
-                bytes += static_cast<char>(std::stoi(line.substr(at, 2), nullptr, 16));
+                bytes += static_cast<char>(strtoul(line.substr(at, 2).c_str(), nullptr, 16));
                 at++;
             }
         }
@@ -124,7 +125,7 @@ void add_section(const std::string &name, const std::string &body)
 /** Adds what one heading and the lines below it describe. */
 void add(const std::string &heading, std::string body)
 {
-    if (heading[0] == '#')
+    if (heading.empty() || heading[0] == '#')
         return;
     if (heading[0] == '[') {
         add_section(heading.substr(1, heading.find(']') - 1), body);
@@ -133,9 +134,14 @@ void add(const std::string &heading, std::string body)
     std::istringstream words{heading};
     std::string path;
     words >> path;
-    node_t &node = *walk(path, path.back() == '/', true, nullptr);
+    node_t *const made = walk(path, !path.empty() && path.back() == '/', true, nullptr);
+    if (path.empty() || path[0] != '/' || !made) {
+        fprintf(stderr, "simhost: nothing can stand at '%s'\n", heading.c_str());
+        return;
+    }
     if (path.back() == '/')
         return;
+    node_t &node = *made;
     node.kind = node_t::file;
     unsigned long address = 0;
     for (std::string word; words >> word;) {
@@ -143,11 +149,11 @@ void add(const std::string &heading, std::string body)
             node.kind = node_t::link;
             words >> body;
         } else if (word == "noeol") {
-            body.pop_back();
+            body.resize(body.size() - !body.empty());
         } else if (word == "hex") {
             body = from_hex(body);
         } else if (word[0] == '@') {
-            address = std::stoul(word.substr(1), nullptr, 16);
+            address = strtoul(word.c_str() + 1, nullptr, 16);
         } else if (word.rfind("open=", 0) == 0) {
             node.open_error = error_number(word.substr(5));
         } else if (word.rfind("read=", 0) == 0) {
