@@ -12,9 +12,8 @@ import unittest
 import test_module
 import ZorvikDiscoverExtension as module
 
-HOSTS = ("rack-server", "old-server", "bad-checksum", "many-cards", "net-cards", "net-bonds",
-         "net-bonds-current", "net-bridges", "net-switch", "net-virtual", "net-infiniband",
-         "net-attributes", "net-broken-reads", "status-odd", "no-xen")
+# A host of a scheduler that the hypervisor's library has no call for any more cannot be recorded.
+HOSTS = set(os.listdir(test_module.HOSTS)) - {"status-sedf"}
 CALLS = (module.discover_hardware, lambda: module.discover_network(0), module.unique_id,
          lambda: module.status("Option: All"), lambda: module.status("Option: Dom_Info_Brief"),
          lambda: module.status("Option: Bridge_Config"))
@@ -37,13 +36,13 @@ class RecordHostTest(unittest.TestCase):
     def record(self, host, *options):
         """The documents of a host and of a recording of it, and the recording."""
         original = os.path.join(test_module.HOSTS, host, "host")
-        with tempfile.NamedTemporaryFile("r") as copy:
+        with tempfile.NamedTemporaryFile("r", errors="surrogateescape") as copy:
             subprocess.run((os.environ["RECORD_HOST"], "-o", copy.name) + options, check=True,
                            env=dict(os.environ, SIMHOST=original), stderr=subprocess.DEVNULL)
             return documents(original), documents(copy.name), copy.read()
 
     def test_round_trip(self):
-        for host in HOSTS:
+        for host in sorted(HOSTS):
             with self.subTest(host):
                 original, copy, _ = self.record(host)
                 self.assertEqual(copy, original)
