@@ -1,8 +1,9 @@
-// The status command: its language, and the driver of its document.
+// The status command: its language, the driver of its document, and the clock rate.
 #include "agent_status.h"
 
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 #include "agent_common.h"
 #include "agent_handles.h"
@@ -130,6 +131,15 @@ int parse_command(const char *at, int &flags)
 }
 
 } // namespace
+
+int send_CPU_time(int indent, int)
+{
+    conn_send_lines(512, indent,
+                    "<CPUTime>\n"
+                    "  <Rate>%ld</Rate>\n",
+                    sysconf(_SC_CLK_TCK));
+    return conn_send_end("CPUTime", indent);
+}
 
 int generate_status(sts_flags_t flags)
 {

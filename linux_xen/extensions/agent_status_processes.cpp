@@ -1,4 +1,4 @@
-// The kernel's clock rate, and its processes as /proc tells them.
+// The Processes element: the kernel's processes as /proc tells them.
 #include "agent_status.h"
 
 #include <algorithm>
@@ -303,15 +303,6 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
 }
 
 } // namespace
-
-int send_CPU_time(int indent, int)
-{
-    conn_send_lines(512, indent,
-                    "<CPUTime>\n"
-                    "  <Rate>%ld</Rate>\n",
-                    sysconf(_SC_CLK_TCK));
-    return conn_send_end("CPUTime", indent);
-}
 
 int send_proc_info(int indent, const char *pidName)
 {

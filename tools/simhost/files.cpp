@@ -252,9 +252,8 @@ FILE *fopen(const char *path, const char *mode)
 {
     if (!served(path))
         return REAL(fopen)(path, mode);
-    const int fd = plan("fopen", path) == outcome::failed
-                       ? -1
-                       : open_path(path, strchr(mode, 'e') ? O_CLOEXEC : 0);
+    const int flags = strchr(mode, 'e') ? O_CLOEXEC : 0;
+    const int fd = plan("fopen", path) == outcome::failed ? -1 : open_path(path, flags);
     if (fd < 0)
         return nullptr;
     return fopencookie(const_cast<int *>(&descriptors().find(fd)->first), "r",
@@ -275,8 +274,7 @@ int faccessat(int at, const char *path, int mode, int flags)
     const std::string whole = below(at, path);
     if (!served(whole))
         return REAL(faccessat)(at, path, mode, flags);
-    struct stat status;
-    return plan("stat") == outcome::failed ? -1 : stat_path(whole.c_str(), &status, true);
+    return plan("stat") == outcome::failed || !find(whole, true) ? -1 : 0;
 }
 
 int lstat(const char *path, struct stat *status)
