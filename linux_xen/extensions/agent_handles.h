@@ -35,7 +35,7 @@ struct unique_fd {
     explicit unique_fd(int opened) : fd(opened) {}
     unique_fd(const unique_fd &) = delete;
     unique_fd &operator=(const unique_fd &) = delete;
-    unique_fd &operator=(unique_fd &&other)
+    unique_fd &operator=(unique_fd &&other) noexcept
     {
         reset();
         fd = std::exchange(other.fd, -1);
