@@ -26,8 +26,7 @@ constexpr char log_name[] = "show_bond_status";
 
 int error_reading(const char *path, int error)
 {
-    error_errno(log_name, error, "error reading file '%s'", path);
-    return error;
+    return error_errno(log_name, error, "error reading file '%s'", path);
 }
 
 /** One line of a bond's status file. A null key: nothing to report. */

@@ -39,7 +39,7 @@ inline const char *whole_chunk(const char *chunk)
     return chunk;
 }
 
-/** An open directory of attributes, or AT_FDCWD, and how the log lines name it. */
+/** An open directory of attributes, or AT_FDCWD, and what the log lines put before a name in it. */
 struct attribute_place_t {
     int fd;
     const char *prefix;

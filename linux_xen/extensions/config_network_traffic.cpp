@@ -58,7 +58,7 @@ int send_traffic_counter(int indent, const attribute_place_t &statistics, const 
     const unique_fd file = open_file(name, statistics.fd);
     if (!file) {
         const int error = errno;
-        error_print("? %s: unable to open '%s/%s', errno %d(%s)\n", log_name, statistics.prefix,
+        error_print("? %s: unable to open '%s%s', errno %d(%s)\n", log_name, statistics.prefix,
                     name, error, strerror(error));
         return 0;
     }
@@ -80,7 +80,8 @@ int show_dev_stats(int indent, const char *name, int)
     const unique_directory directory{opendir(path.text)};
     if (!directory)
         return error_errno(__func__, errno, "unable to open '%s'", path.text);
-    const attribute_place_t statistics = {dirfd(directory.get()), path.text};
+    const path_t<256 + 1> prefix("%s/", path.text);
+    const attribute_place_t statistics = {dirfd(directory.get()), prefix.text};
     if (const int status = conn_send_lines(256, indent, "<Device Name=\"%s\">\n", name))
         return status;
     if (const int status = conn_send_start("Statistics", indent + 2))
