@@ -22,6 +22,23 @@ int xc_sedf_domain_get(xc_interface *xch, uint32_t domid, uint64_t *period, uint
 namespace zorvik
 {
 
+namespace
+{
+
+/** What both of the library's records of a domain call by the same names. */
+template <typename Info> void copy_common(const Info &info, domain_t *domain)
+{
+    domain->ssidref = info.ssidref;
+    domain->shared_info_frame = info.shared_info_frame;
+    domain->cpu_time = info.cpu_time;
+    domain->nr_online_vcpus = info.nr_online_vcpus;
+    domain->max_vcpu_id = info.max_vcpu_id;
+    static_assert(sizeof info.handle == sizeof domain->handle);
+    std::copy(std::begin(info.handle), std::end(info.handle), domain->handle);
+}
+
+} // namespace
+
 void close_hypervisor::operator()(xc_interface_core *handle) const
 {
     xc_interface_close(handle);
@@ -57,6 +74,8 @@ int get_host(xc_interface_core *handle, host_t *host)
     return 0;
 }
 
+#ifdef ZORVIK_HAVE_DOMAIN_GETINFO
+
 int get_domain_from(xc_interface_core *handle, uint32_t first, domain_t *domain)
 {
     *domain = {};
@@ -64,8 +83,8 @@ int get_domain_from(xc_interface_core *handle, uint32_t first, domain_t *domain)
     const int count = xc_domain_getinfo(handle, first, 1, &info);
     if (count < 1)
         return count;
+    copy_common(info, domain);
     domain->domid = info.domid;
-    domain->ssidref = info.ssidref;
     domain->dying = info.dying;
     domain->crashed = info.crashed;
     domain->shutdown = info.shutdown;
@@ -74,15 +93,37 @@ int get_domain_from(xc_interface_core *handle, uint32_t first, domain_t *domain)
     domain->running = info.running;
     domain->shutdown_reason = info.shutdown_reason;
     domain->nr_pages = info.nr_pages;
-    domain->shared_info_frame = info.shared_info_frame;
-    domain->cpu_time = info.cpu_time;
     domain->max_memkb = info.max_memkb;
-    domain->nr_online_vcpus = info.nr_online_vcpus;
-    domain->max_vcpu_id = info.max_vcpu_id;
-    static_assert(sizeof info.handle == sizeof domain->handle);
-    std::copy(std::begin(info.handle), std::end(info.handle), domain->handle);
     return count;
 }
+
+#else // the library lost that call with Xen 4.18, and the rules below with it
+
+int get_domain_from(xc_interface_core *handle, uint32_t first, domain_t *domain)
+{
+    *domain = {};
+    xc_domaininfo_t info = {};
+    const int count = xc_domain_getinfolist(handle, first, 1, &info);
+    if (count < 1) {
+        errno = count ? errno : ESRCH;
+        return -1;
+    }
+    copy_common(info, domain);
+    domain->domid = info.domain;
+    domain->dying = info.flags & XEN_DOMINF_dying;
+    domain->shutdown = info.flags & XEN_DOMINF_shutdown;
+    domain->paused = info.flags & XEN_DOMINF_paused;
+    domain->blocked = info.flags & XEN_DOMINF_blocked;
+    domain->running = info.flags & XEN_DOMINF_running;
+    domain->shutdown_reason = info.flags >> XEN_DOMINF_shutdownshift & XEN_DOMINF_shutdownmask;
+    domain->crashed = domain->shutdown && domain->shutdown_reason == SHUTDOWN_crash;
+    domain->shutdown = domain->shutdown && !domain->crashed;
+    domain->nr_pages = info.tot_pages;
+    domain->max_memkb = info.max_pages << (XC_PAGE_SHIFT - 10); // a KiB has 10 bits
+    return count;
+}
+
+#endif
 
 int get_scheduler(xc_interface_core *handle, int *id)
 {

@@ -26,8 +26,17 @@ namespace
 
 const std::string hypervisor = "hypervisor";
 
-// In the order of the record's bits, which stand right behind its second word.
-constexpr const char *states[] = {"dying", "crashed", "shutdown", "paused", "blocked", "running"};
+struct state_t {
+    const char *name;
+    uint32_t flag; // in a list of domains: there a crash is a shutdown for that reason
+};
+
+// In the order of the older record's bits, which stand right behind its second word.
+constexpr state_t states[] = {
+    {"dying", XEN_DOMINF_dying},       {"crashed", XEN_DOMINF_shutdown},
+    {"shutdown", XEN_DOMINF_shutdown}, {"paused", XEN_DOMINF_paused},
+    {"blocked", XEN_DOMINF_blocked},   {"running", XEN_DOMINF_running},
+};
 
 /** Sets a field to the number of its key, 0 without one. */
 template <typename Field> void set(const std::string &section, const char *key, Field *field)
@@ -39,6 +48,34 @@ template <typename Field> void set(const std::string &section, const char *key, 
 std::string domain(uint32_t id)
 {
     return "domain " + std::to_string(id);
+}
+
+bool in_state(const std::string &section, const char *state)
+{
+    const char *words = answer(section, "state", 0);
+    return words && strstr(words, state);
+}
+
+/** Finds the lowest domain number from `first` on. */
+bool find_domain(uint32_t first, uint32_t *found)
+{
+    *found = UINT32_MAX;
+    for (const auto &row : host().sections)
+        if (uint32_t id = 0; sscanf(row.first.c_str(), "domain %" SCNu32, &id) == 1)
+            *found = id < first || id > *found ? *found : id;
+    return *found != UINT32_MAX;
+}
+
+/** Sets what both records of a domain call by the same names. */
+template <typename Info> void set_common(const std::string &section, Info *info)
+{
+    set(section, "ssidref", &info->ssidref);
+    set(section, "shared_info_frame", &info->shared_info_frame);
+    set(section, "cpu_time", &info->cpu_time);
+    set(section, "online_vcpus", &info->nr_online_vcpus);
+    set(section, "max_vcpu_id", &info->max_vcpu_id);
+    if (const char *uuid = answer(section, "handle", 0))
+        uuid_parse(uuid, info->handle);
 }
 
 /** Whether a call is answered: neither the fault plan nor the value of `key` makes it fail. */
@@ -91,35 +128,50 @@ int xc_physinfo(xc_interface *handle, xc_physinfo_t *info)
     return 0;
 }
 
+#ifdef ZORVIK_HAVE_DOMAIN_GETINFO
 int xc_domain_getinfo(xc_interface *handle, uint32_t first, unsigned most, xc_dominfo_t *info)
 {
     WITHOUT_HOST(xc_domain_getinfo, handle, first, most, info);
     if (!granted("xc_domain_getinfo", hypervisor, "getinfo"))
         return errno ? -1 : 0;
     *info = {};
-    info->domid = UINT32_MAX;
-    for (const auto &row : host().sections)
-        if (uint32_t id = 0; sscanf(row.first.c_str(), "domain %" SCNu32, &id) == 1)
-            info->domid = id < first || id > info->domid ? info->domid : id;
     errno = ESRCH;
-    if (info->domid == UINT32_MAX)
+    if (!find_domain(first, &info->domid))
         return -1;
     const std::string section = domain(info->domid);
-    set(section, "ssidref", &info->ssidref);
+    set_common(section, info);
     set(section, "nr_pages", &info->nr_pages);
-    set(section, "shared_info_frame", &info->shared_info_frame);
     set(section, "max_memkb", &info->max_memkb);
-    set(section, "cpu_time", &info->cpu_time);
-    set(section, "online_vcpus", &info->nr_online_vcpus);
-    set(section, "max_vcpu_id", &info->max_vcpu_id);
     set(section, "shutdown_reason", &info->shutdown_reason);
-    if (const char *uuid = answer(section, "handle", 0))
-        uuid_parse(uuid, info->handle);
     uint32_t bits = 0;
-    if (const char *words = answer(section, "state", 0))
-        for (uint32_t bit = 0; bit < std::size(states); bit++)
-            bits |= strstr(words, states[bit]) ? 1U << bit : 0U;
+    for (uint32_t bit = 0; bit < std::size(states); bit++)
+        bits |= in_state(section, states[bit].name) ? 1U << bit : 0U;
     memcpy(reinterpret_cast<char *>(info) + sizeof(uint32_t[2]), &bits, sizeof bits);
+    return 1;
+}
+#endif
+
+int xc_domain_getinfolist(xc_interface *handle, uint32_t first, unsigned most,
+                          xc_domaininfo_t *info)
+{
+    WITHOUT_HOST(xc_domain_getinfolist, handle, first, most, info);
+    // Which of the two calls is asked makes no difference to a fault plan.
+    if (!granted("xc_domain_getinfo", hypervisor, "getinfo"))
+        return errno ? -1 : 0;
+    *info = {};
+    uint32_t id = 0;
+    if (!find_domain(first, &id))
+        return 0;
+    info->domain = static_cast<domid_t>(id);
+    const std::string section = domain(id);
+    set_common(section, info);
+    set(section, "nr_pages", &info->tot_pages);
+    set(section, "max_memkb", &info->max_pages);
+    info->max_pages /= XC_PAGE_SIZE / 1024;
+    set(section, "shutdown_reason", &info->flags);
+    info->flags = (info->flags & XEN_DOMINF_shutdownmask) << XEN_DOMINF_shutdownshift;
+    for (const state_t &state : states)
+        info->flags |= in_state(section, state.name) ? state.flag : 0;
     return 1;
 }
 
