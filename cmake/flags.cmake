@@ -1,3 +1,8 @@
+# A plain "cmake -S . -B build" makes what is shipped.
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release)
+endif()
+
 # The flags that every target of the project is built with.
 add_library(zorvik_flags INTERFACE)
 target_compile_features(zorvik_flags INTERFACE cxx_std_20)

@@ -1,7 +1,10 @@
 # The headers of Debian's own interpreters, whatever others stand in PATH.
 execute_process(
     COMMAND /usr/bin/python3 -c "import sysconfig; print(sysconfig.get_path('include'))"
-    OUTPUT_VARIABLE PYTHON3_INCLUDE_DIR OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    OUTPUT_VARIABLE PYTHON3_INCLUDE_DIR OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT EXISTS "${PYTHON3_INCLUDE_DIR}/Python.h")
+    message(FATAL_ERROR "The headers of /usr/bin/python3 are missing: install python3-dev.")
+endif()
 find_path(PYTHON2_INCLUDE_DIR Python.h PATHS /usr/include/python2.7 NO_DEFAULT_PATH)
 
 # add_extension_module(TARGET FILE INCLUDE_DIR): FILE.so in a folder named like the target. The

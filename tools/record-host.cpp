@@ -14,6 +14,7 @@
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "errno_names.h"
 
 using namespace zorvik;
 
@@ -116,8 +117,10 @@ std::string format(const char *text, ...)
 
 const char *error_name(int error)
 {
-    const char *name = strerrorname_np(error);
-    return name ? name : "EIO"; // some drivers return what is no errno
+    for (const auto &[value, name] : errno_names)
+        if (value == error)
+            return name;
+    return "EIO"; // some drivers return what is no errno
 }
 
 std::vector<std::string> list_directory(const std::string &path, const std::string &pattern)

@@ -30,7 +30,8 @@ template <size_t Size> struct path_t {
 
 /**
  * Whether something stands at `path`, seen through links, below the open directory `at` where the
- * path does not begin with a slash. Leaves errno as access(2) set it.
+ * path does not begin with a slash; as far as the real user, who is root, may look. Leaves errno
+ * as access(2) set it.
  */
 bool path_exists(const char *path, int at = AT_FDCWD);
 

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "errno_names.h"
+
 namespace simhost
 {
 
@@ -175,9 +177,9 @@ node_t *find(const std::string &path, bool follow, std::string *canonical)
 
 int error_number(const std::string &name)
 {
-    for (int error = 1; error < 134; error++)
-        if (const char *known = strerrorname_np(error); known && name == known)
-            return error;
+    for (const auto &[value, known] : errno_names)
+        if (name == known)
+            return value;
     return EINVAL;
 }
 
