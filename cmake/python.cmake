@@ -5,7 +5,8 @@ execute_process(
 if(NOT EXISTS "${PYTHON3_INCLUDE_DIR}/Python.h")
     message(FATAL_ERROR "The headers of /usr/bin/python3 are missing: install python3-dev.")
 endif()
-find_path(PYTHON2_INCLUDE_DIR Python.h PATHS /usr/include/python2.7 NO_DEFAULT_PATH)
+# Looked for anew each time, with no cached answer: python2.7-dev may be purged between two builds.
+set(PYTHON2_INCLUDE_DIR /usr/include/python2.7)
 
 # add_extension_module(TARGET FILE INCLUDE_DIR): FILE.so in a folder named like the target. The
 # interpreter's headers count as the system's: Python 2's still say "register".
