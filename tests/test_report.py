@@ -11,6 +11,7 @@ import unittest
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.path.dirname(os.environ["RECORD_HOST"])
+os.environ.pop("LD_PRELOAD", None)  # the tool is to preload the simulated host itself
 RACK, CUT = (["--host", os.path.join(TESTS, "hosts", host)] for host in ("rack-server", "no-hypervisor"))
 INCOMPLETE = "the document is not complete"
 
@@ -35,7 +36,7 @@ CALLS = (
 
 class ReportTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(prefix="a blank:")
         self.addCleanup(folder.cleanup)
         os.symlink(BUILD, os.path.join(folder.name, "build"))
         self.tool = shutil.copytree(os.path.join(os.path.dirname(TESTS), "tools"),
