@@ -1,12 +1,11 @@
 """tools/zorvik-report as a person calls it, copied to where it finds the build of RECORD_HOST."""
-import fcntl
 import os
 import re
-import select
 import shutil
 import signal
 import subprocess
 import tempfile
+import time
 import unittest
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
@@ -35,6 +34,8 @@ CALLS = (
 
 
 class ReportTest(unittest.TestCase):
+    pythons = [[]] + [["--python2"]] * os.path.isdir(os.path.join(BUILD, "python2"))
+
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="a blank:")
         self.addCleanup(folder.cleanup)
@@ -43,7 +44,7 @@ class ReportTest(unittest.TestCase):
                                     os.path.join(folder.name, "tools")) + "/zorvik-report"
 
     def test_calls(self):
-        for python in [[]] + [["--python2"]] * os.path.isdir(os.path.join(BUILD, "python2")):
+        for python in self.pythons:
             for arguments, status, output, error, nowhere in CALLS:
                 with self.subTest(python + arguments):
                     ended = subprocess.run([self.tool] + python + arguments, text=True,
@@ -64,16 +65,27 @@ class ReportTest(unittest.TestCase):
         self.assertEqual(re.findall("^[|] `([A-Z]\\w+)` [|]", tables, re.MULTILINE), names)
 
     def test_interrupt(self):
-        reading, writing = os.pipe()
-        fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)  # the document is longer: it waits for us
-        with subprocess.Popen([self.tool, "hardware"] + RACK, stdout=writing, text=True,
-                              stderr=subprocess.PIPE) as tool:
-            os.close(writing)
-            select.select([reading], [], [])
-            tool.send_signal(signal.SIGINT)
-            self.assertEqual(tool.stderr.read(), "zorvik-report: interrupted\n")
-        self.assertEqual(tool.returncode, -signal.SIGINT)
-        os.close(reading)
+        """Ctrl-C ends the tool at once and in silence, while it starts and while the module waits."""
+        with open(os.path.join(TESTS, "hosts", "net-switch", "host"), encoding="utf-8") as recording:
+            slow = recording.read() + "=== /usr/bin/ovs-vsctl\necho called >&2; exec 2>&-; sleep 6\n"
+        host, kept = (os.path.join(os.path.dirname(self.tool), name) for name in ("slow", "kept"))
+        for path, text in (host, slow), (kept, "the last"):
+            with open(path, "w", encoding="utf-8") as stream:
+                stream.write(text)
+        for python in self.pythons:
+            for delay in 0, .005, .01, .02, .03, .05, .08, None:
+                with self.subTest(python + [delay]), subprocess.Popen(
+                        [self.tool, "network", "--host", host, "-o", kept] + python,
+                        stderr=subprocess.PIPE) as tool:
+                    if delay is None:
+                        self.assertEqual(tool.stderr.readline(), b"called\n")
+                    else:
+                        time.sleep(delay)
+                    tool.send_signal(signal.SIGINT)
+                    self.assertEqual(tool.wait(timeout=5), -signal.SIGINT)
+                    self.assertNotIn(b"zorvik", tool.stderr.read())
+        with open(kept, encoding="utf-8") as stream:
+            self.assertEqual(stream.read(), "the last")
 
 
 if __name__ == "__main__":
