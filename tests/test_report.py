@@ -23,13 +23,14 @@ CALLS = (
     (["status", "CPU", "Option: Memory"] + RACK, 0, "<CPUTime>", "", "<Scheduler"),
     (["status", "option:", "CPU", "memory"] + RACK, 0, "<Memory>", "", "<Scheduler"),
     (["status", "\u00e9t\u00e9"] + RACK, 22, "Unknown command '\u00e9t\u00e9'", "", "Traceback"),
-    (["network", "3"] + RACK, 0, "   <Network>", "", INCOMPLETE),
+    (["network", "3"] + RACK, 0, '   <Network>\n     <Device Name="bond0.20"', "", INCOMPLETE),
     (["hardware"] + CUT, 0, "<Discover_Hardware_Result>", INCOMPLETE, "Traceback"),
     (["unique-id", "--debug", "9"], 2, "", "invalid choice: 9", "Traceback"),
     (["--debug", "1", "status", "x"] + RACK, 22, "% agent_status: Unknown", "", "Traceback"),
     (["unique-id", "--host", __file__], 2, "", "is no recorded host", "Traceback"),
     (["hardware", "--debug", "1", "-o", "/dev/full"] + RACK, 1, "agent_discover_hardware:\n",
      "zorvik-report: cannot write /dev/full: No space left on device\n", "<?xml"),
+    (["unique-id", "--host", ""], 2, "", "an empty file name", "Traceback"),
 )
 
 
@@ -63,6 +64,19 @@ class ReportTest(unittest.TestCase):
         names = rejection.split("options are: ")[1].split()
         self.assertEqual(re.findall("^  ([A-Z]\\w+)  ", told, re.MULTILINE), names)
         self.assertEqual(re.findall("^[|] `([A-Z]\\w+)` [|]", tables, re.MULTILINE), names)
+
+    def test_streams(self):
+        """What cannot be written is told in one line; FILE does not take a closed stream's place."""
+        no = "zorvik-report: cannot write "
+        for python in self.pythons:
+            for words, error in (("--help >/dev/full", no + "standard output: No space left on device\n"),
+                                 ("unique-id >&-", no + "standard output: Bad file descriptor\n"),
+                                 ("unique-id --debug 4 -o out >&-",
+                                  no + "the debug lines to standard output\n")):
+                with self.subTest(python + [words]):
+                    ended = subprocess.run(["sh", "-c", '"$@" ' + words, "sh", self.tool] + CUT + python,
+                                           text=True, capture_output=True, cwd=os.path.dirname(self.tool))
+                    self.assertEqual(ended.stderr, error)
 
     def test_interrupt(self):
         """Ctrl-C ends the tool at once and in silence, while it starts and while the module waits."""
