@@ -5,7 +5,6 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import time
 import unittest
 
 TESTS = os.path.dirname(os.path.abspath(__file__))
