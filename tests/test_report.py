@@ -77,6 +77,17 @@ class ReportTest(unittest.TestCase):
                                            text=True, capture_output=True, cwd=os.path.dirname(self.tool))
                     self.assertEqual(ended.stderr, error)
 
+    def test_without_module(self):
+        build = os.path.join(os.path.dirname(os.path.dirname(self.tool)), "build")
+        os.remove(build)
+        module = os.path.join(build, "python3", "ZorvikDiscoverExtension.abi3.so")
+        for error in "install python3-zorvik-discover,", "cannot be loaded: %s: file too short" % module:
+            ended = subprocess.run([self.tool, "unique-id"], text=True, capture_output=True, env={})
+            self.assertEqual(ended.returncode, 2)
+            self.assertIn(error, ended.stderr)
+            os.makedirs(os.path.dirname(module), exist_ok=True)
+            open(module, "w").close()
+
     def test_interrupt(self):
         """Ctrl-C ends the tool at once and in silence, also while the module waits."""
         with open(os.path.join(TESTS, "hosts", "net-switch", "host"), encoding="utf-8") as recording:
