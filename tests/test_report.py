@@ -30,6 +30,7 @@ CALLS = (
     (["hardware", "--debug", "1", "-o", "/dev/full"] + RACK, 1, "agent_discover_hardware:\n",
      "zorvik-report: cannot write /dev/full: No space left on device\n", "<?xml"),
     (["unique-id", "--host", ""], 2, "", "an empty file name", "Traceback"),
+    (["--version"], 0, "zorvik-report 7.0.1\n", "", "Traceback"),
 )
 
 
@@ -40,6 +41,8 @@ class ReportTest(unittest.TestCase):
         folder = tempfile.TemporaryDirectory(prefix="a blank:")
         self.addCleanup(folder.cleanup)
         os.symlink(BUILD, os.path.join(folder.name, "build"))
+        with open(os.path.join(folder.name, "CMakeLists.txt"), "w") as lists:
+            lists.write("project(Some VERSION 7.0.1 LANGUAGES CXX)\n")
         self.tool = shutil.copytree(os.path.join(os.path.dirname(TESTS), "tools"),
                                     os.path.join(folder.name, "tools")) + "/zorvik-report"
 
