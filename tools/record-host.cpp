@@ -31,8 +31,8 @@ constexpr char help[] =
     "           and stack addresses of processes; other names stay\n"
     "  -o FILE  write to FILE rather than to standard output\n\n"
     "Example: record a server, then see elsewhere what the module tells of it:\n"
-    "  sudo build/record-host --mask -o /tmp/server\n"
-    "  tools/zorvik-report --host /tmp/server hardware\n";
+    "  sudo record-host --mask -o /tmp/server\n"
+    "  zorvik-report --host /tmp/server hardware\n";
 
 // The files to record, each component a pattern. What stands at the end of a path is a file, a
 // link, or a directory that only has to be there.
