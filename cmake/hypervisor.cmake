@@ -20,7 +20,7 @@ check_cxx_source_compiles([[
     ]] HAVE_DOMAIN_GETINFO)
 unset(CMAKE_REQUIRED_LIBRARIES)
 
-# use_domain_getinfo(SOURCE): the one file of a target that knows the difference.
+# use_domain_getinfo(SOURCE): this one file of its target is to know which calls there are.
 function(use_domain_getinfo source)
     if(HAVE_DOMAIN_GETINFO)
         set_source_files_properties(${source} PROPERTIES

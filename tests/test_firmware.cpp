@@ -1,4 +1,5 @@
 // Firmware tables: entry points, the walk, strings and fields of hostile tables, the identifier.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
