@@ -24,7 +24,7 @@ CALLS = (
     (["status", "\u00e9t\u00e9"] + RACK, 22, "Unknown command '\u00e9t\u00e9'", "", "Traceback"),
     (["network", "3"] + RACK, 0, '   <Network>\n     <Device Name="bond0.20"', "", INCOMPLETE),
     (["hardware"] + CUT, 0, "<Discover_Hardware_Result>", INCOMPLETE, "Traceback"),
-    (["unique-id", "--debug", "9"], 2, "", "invalid choice: 9", "Traceback"),
+    (["unique-id", "--debug", "9"], 2, "", "--debug: invalid choice", "Traceback"),
     (["--debug", "1", "status", "x"] + RACK, 22, "% agent_status: Unknown", "", "Traceback"),
     (["unique-id", "--host", __file__], 2, "", "is no recorded host", "Traceback"),
     (["hardware", "--debug", "1", "-o", "/dev/full"] + RACK, 1, "agent_discover_hardware:\n",
