@@ -200,11 +200,6 @@ ssize_t read(int fd, void *buffer, size_t size)
     return length;
 }
 
-ssize_t __read_chk(int fd, void *buffer, size_t size, size_t)
-{
-    return read(fd, buffer, size);
-}
-
 off_t lseek(int fd, off_t offset, int whence)
 {
     const auto file = descriptors().find(fd);
