@@ -114,8 +114,9 @@ bool is_skipped(const char *file)
                        [file](const char *skipped) { return has_prefix(file, skipped); });
 }
 
-/** Writes every readable sysfs attribute of an interface and of the hardware behind it. */
-void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t &bonds)
+/** Writes every readable sysfs attribute of an interface and of the hardware behind it, if any. */
+void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t &bonds,
+                bool hardware)
 {
     const path_t<128 + 1> prefix("%s%s/", net_class, name);
     const attribute_place_t place = {dirfd(directory), prefix.text};
@@ -125,9 +126,11 @@ void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t 
             send_attribute(interface_attribute, place, file, file, indent + 2);
     if (check_real_device(name, bonds)) {
         conn_send_start("SysFSDev", indent + 2);
+        // Without hardware every one of them would be looked up in vain.
         for (const char *file : hardware_attributes)
-            send_attribute(hardware_attribute, place, path_t<32>("device/%s", file).text, file,
-                           indent + 4);
+            if (hardware)
+                send_attribute(hardware_attribute, place, path_t<32>("device/%s", file).text, file,
+                               indent + 4);
         conn_send_end("SysFSDev", indent + 2);
     }
     conn_send_end("SysFS", indent);
@@ -146,11 +149,12 @@ void show_device(query_socket_t &queries, int indent, const eth_device_t *device
         conn_send_XML_string("CloudNet", indent + 2, "1");
     vlan_info(indent + 2, name);
     show_dev_info(queries, indent + 4, name, fd);
-    if (has_hardware(name, fd))
+    const bool hardware = has_hardware(name, fd);
+    if (hardware)
         show_link_layer(queries, indent + 4, name);
     show_addresses(indent + 4, device);
     if (directory)
-        show_sysfs(indent + 4, name, directory.get(), bonds);
+        show_sysfs(indent + 4, name, directory.get(), bonds, hardware);
     else
         error_errno("show_sysfs", error, "failed to open '%s'", path.text);
     conn_send_end("Device", indent);
