@@ -29,6 +29,9 @@ constexpr xml_char_t xml_char_table[] = {
 
 const xml_char_t *find_xml_char(char character)
 {
+    // Letters, of which almost every text is, stand behind all of them.
+    if (character > '>')
+        return nullptr;
     for (const xml_char_t *row = xml_char_table; row->out; row++)
         if (row->in == character)
             return row;

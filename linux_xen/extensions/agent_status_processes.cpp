@@ -227,6 +227,16 @@ char *put_piece(char *end, const piece_t &piece)
     return end + piece.length;
 }
 
+char *put_text(char *end, std::string_view text)
+{
+    return std::copy(text.begin(), text.end(), end);
+}
+
+char *put_blanks(char *end, int count)
+{
+    return std::fill_n(end, std::min(static_cast<size_t>(std::abs(count)), most_group), ' ');
+}
+
 /** Writes a group's lines. Returns where they end, or are cut. */
 char *put_group(char *start, int indent, std::span<const stat_row_t> rows, const proc_stat_t &stat)
 {
@@ -237,7 +247,7 @@ char *put_group(char *start, int indent, std::span<const stat_row_t> rows, const
         if (row.can_be_omitted && value == row.omitted)
             continue;
         deeper -= row.form == ROW_END ? 2 : 0;
-        end = std::fill_n(end, std::min(static_cast<size_t>(indent + deeper), most_group), ' ');
+        end = put_blanks(end, indent + deeper);
         end = put_piece(end, row.before);
         deeper += row.form == ROW_START ? 2 : 0;
         if (row.form == ROW_DECIMAL || row.form == ROW_POINT)
@@ -255,6 +265,17 @@ struct stat_file_t {
     char line[512];
 };
 
+/** Writes the lines before the command as a group of their own. Returns where they end. */
+char *put_start(char *start, int indent, const char *pidName, char state)
+{
+    char *end = put_text(put_blanks(start, indent), "<Process PID=\"");
+    end = put_text(put_text(end, pidName), "\">\n");
+    end = put_text(put_blanks(end, indent + 2), "<State>");
+    *end++ = state;
+    end = put_text(end, "</State>\n");
+    return std::min(end, start + most_group);
+}
+
 /**
  * Writes one process: printf would take a fifth of the whole report's time, and an append for every
  * group a tenth.
@@ -264,18 +285,18 @@ void send_process(int indent, const stat_file_t &file)
     proc_stat_t stat;
     scan_proc_stat(file.line, &stat);
     const int child = indent + 2;
-    const char state = stat.state ? stat.state : '0';
-    conn_send_lines(256, indent, "<Process PID=\"%s\">\n  <State>%c</State>\n", file.pidName,
-                    state);
+    // Every group is cut; its last line takes at most its depth, two pieces, a number.
+    constexpr size_t most_line = most_group + 3 * sizeof(piece_t);
+    char text[(std::size(groups) + 1) * most_group + 8 * most_line];
+    char *end = put_start(text, indent, file.pidName, stat.state ? stat.state : '0');
+    conn_send2(text, static_cast<int>(end - text));
     if (stat.comm[0])
         conn_send_XML_string("Command", child, stat.comm);
-    // Every group but the last is cut; a line of it takes at most its depth, two pieces, a number.
-    char text[std::size(groups) * most_group + 8 * (most_group + 3 * sizeof(piece_t))];
-    char *end = text;
+    end = text;
     for (const std::span<const stat_row_t> rows : groups)
         end = put_group(end, child, rows, stat);
+    end = put_text(put_blanks(end, indent), "</Process>\n");
     conn_send2(text, static_cast<int>(end - text));
-    conn_send_end("Process", indent);
 }
 
 /**
@@ -293,7 +314,7 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
     const bool had_line = file && read_first_line(file.fd, stat->line, sizeof stat->line) >= 0;
     const int error = errno;
     if (had_line)
-        *stpncpy(stat->pidName, pidName, sizeof stat->pidName - 1) = '\0';
+        *put_text(stat->pidName, {pidName, strnlen(pidName, sizeof stat->pidName - 1)}) = '\0';
     else if (file)
         error_errno(log_name, error, "unable to read '%s'", path);
     else
