@@ -11,11 +11,11 @@
 #include <span>
 #include <string_view>
 #include <unistd.h>
-#include <utility>
 
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_status_process_stat.h"
 #include "agent_text.h"
 
 namespace zorvik
@@ -26,104 +26,6 @@ namespace
 
 constexpr char proc_root[] = "/proc";
 constexpr int unknown_processor = 255;
-
-// The fields of a stat line are numbered from 1, as proc(5) does.
-constexpr int last_number = 39;
-
-/**
- * What a stat line says, as far as it is looked at; what is missing is 0. A number is kept as the
- * scanf conversion of its kind leaves it.
- */
-struct proc_stat_t {
-    char comm[64];
-    char state;
-    long number[last_number + 1];
-};
-
-enum number_kind : uint8_t { NUMBER_INT, NUMBER_LONG, NUMBER_UNSIGNED };
-
-/** Of which kind the numbers from field `first` to `last` are. */
-struct number_range_t {
-    int first, last;
-    number_kind kind;
-};
-
-constexpr number_range_t number_ranges[] = {
-    {4, 8, NUMBER_INT},        // ppid to tpgid
-    {9, 15, NUMBER_UNSIGNED},  // flags to stime
-    {16, 21, NUMBER_LONG},     // cutime to itrealvalue
-    {22, 23, NUMBER_UNSIGNED}, // starttime, vsize
-    {24, 24, NUMBER_LONG},     // rss
-    {25, 37, NUMBER_UNSIGNED}, // rsslim to cnswap
-    {38, 39, NUMBER_INT},      // exit_signal, processor
-};
-
-/** Converts what almost every number is: blanks, perhaps a sign, up to 18 digits. */
-bool scan_plain(const char *&at, long &value)
-{
-    const char *first = at;
-    while (*first == ' ')
-        first++;
-    const bool negative = *first == '-';
-    first += negative;
-    const char *end = first;
-    unsigned long digits = 0;
-    for (; *end >= '0' && *end <= '9'; end++)
-        digits = digits * 10 + static_cast<unsigned long>(*end - '0');
-    if (end == first || end - first > 18)
-        return false;
-    at = end;
-    value = static_cast<long>(negative ? 0 - digits : digits);
-    return true;
-}
-
-/**
- * Converts the next number as scanf does, at a fraction of the cost. Returns whether there was one.
- */
-bool scan_number(const char *&at, number_kind kind, long &value)
-{
-    if (!scan_plain(at, value)) {
-        char *end = nullptr;
-        value = kind == NUMBER_UNSIGNED ? static_cast<long>(strtoul(at, &end, 10))
-                                        : strtol(at, &end, 10);
-        if (std::exchange(at, end) == end)
-            return false;
-    }
-    if (kind == NUMBER_INT)
-        value = static_cast<int>(value);
-    return true;
-}
-
-/** Takes the next word; what does not fit is passed over. Returns its length. */
-size_t scan_word(const char *&at, char *word, size_t size)
-{
-    at += strspn(at, white_space);
-    const size_t length = strcspn(at, white_space);
-    *std::copy_n(at, std::min(length, size - 1), word) = '\0';
-    at += length;
-    return length;
-}
-
-/**
- * Takes a stat line apart word by word, up to the first field that is none: a blank in the
- * command's name shifts what follows it.
- */
-void scan_proc_stat(const char *at, proc_stat_t *stat)
-{
-    *stat = {};
-    long pid = 0;
-    if (!scan_number(at, NUMBER_INT, pid) || scan_word(at, stat->comm, sizeof stat->comm) == 0)
-        return;
-    at += strspn(at, white_space);
-    stat->state = *at;
-    if (!stat->state)
-        return;
-    at++;
-    for (const number_range_t &range : number_ranges)
-        for (int field = range.first; field <= range.last; field++)
-            if (!scan_number(at, range.kind, stat->number[field]))
-                return;
-}
 
 enum row_form : uint8_t { ROW_START, ROW_END, ROW_DECIMAL, ROW_POINT, ROW_HEXADECIMAL };
 
