@@ -1,6 +1,7 @@
 """The packages of the build in BUILD: what is in them, and that it works where they are unpacked."""
 import glob
 import os
+import re
 import subprocess
 import tempfile
 import unittest
@@ -53,7 +54,10 @@ class PackagesTest(unittest.TestCase):
         cls.modules = os.path.join(cls.root, "usr/lib/python3/dist-packages")
 
     def test_lintian(self):
-        output("lintian", "--fail-on", "error", *self.packages)
+        told = output("lintian", "--fail-on", "none", *self.packages)
+        # The agent that the Python 2 file is for looks there; a release that does not know the tag yet
+        # takes no override of it.
+        self.assertEqual(re.findall("^E: (?!.* package-installs-deprecated-python2-path ).*", told, re.MULTILINE), [])
 
     def test_dependencies(self):
         for package in self.packages:
