@@ -7,6 +7,7 @@
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 #include "fault_plan.h"
 #include "simhost/simhost.h"
@@ -21,6 +22,7 @@ protected:
         simhost_unload();
         conn_free(&the_connection);
         global_debug_state = 0;
+        global_source_state = 0;
     }
 };
 

@@ -28,7 +28,9 @@ def complaints(host, tool="zorvik-report", *options):
     with open(os.path.join(host, "calls")) as calls:
         for line in calls:
             label, status, function, arguments = (line.rstrip("\n").split(" ", 3) + [""])[:4]
+            sources, _, function = function.rpartition(":")
             words = [REPORTS.get(function, function)] + [arguments] * bool(arguments)
+            words += ["--current"] * bool(sources)
             answer = run(tool, *options, "--host", os.path.abspath(host), *words)
             if answer != (int(status), expected(host, label, ".out"), expected(host, label, ".log")):
                 yield "%s: %r" % (label, answer)

@@ -7,10 +7,13 @@
 #include <sstream>
 
 #include "agent_discover.h"
+#include "agent_sources.h"
 #include "agent_status.h"
 #include "config_network.h"
 
 namespace fs = std::filesystem;
+
+constexpr std::string_view current_prefix = "current:";
 
 std::vector<call_t> recorded_calls()
 {
@@ -20,9 +23,11 @@ std::vector<call_t> recorded_calls()
         std::ifstream file{host / "calls"};
         for (std::string line; std::getline(file, line);) {
             std::istringstream words{line};
-            call_t call{host, "", "", "", 0};
+            call_t call{host, "", "", "", 0, false};
             if (words >> call.label >> call.status >> call.function && call.label[0] != '#') {
                 std::getline(words.ignore(), call.arguments);
+                call.current = call.function.starts_with(current_prefix);
+                call.function.erase(0, call.current ? current_prefix.size() : 0);
                 calls.push_back(call);
             }
         }
@@ -46,6 +51,8 @@ void load(const call_t &call)
 int run(const call_t &call)
 {
     conn_free(&the_connection);
+    global_source_state = call.current;
+    new_conn();
     if (call.function == "unique_id")
         return agent_unique_id(new_conn());
     if (call.function == "discover_hardware")

@@ -6,11 +6,15 @@
 
 #include "fixture.h"
 
-/** A line of a host's "calls": LABEL STATUS FUNCTION [ARGUMENTS]. */
+/**
+ * A line of a host's "calls": LABEL STATUS FUNCTION [ARGUMENTS], with "current:" before a function
+ * that is to ask current sources.
+ */
 struct call_t {
     std::filesystem::path host;
     std::string label, function, arguments;
     int status;
+    bool current;
 };
 
 std::vector<call_t> recorded_calls();

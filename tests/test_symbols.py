@@ -9,7 +9,7 @@ import unittest
 ENTRY = {"python2": "initZorvikDiscoverExtension", "python3": "PyInit_ZorvikDiscoverExtension"}
 PYTHON2_USES = {"Py_InitModule4_64", "PyArg_ParseTuple", "Py_BuildValue"}
 EXPORTS = {
-    "the_connection", "global_debug_state", "OrigIpString", "OrigMaskString",
+    "the_connection", "global_debug_state", "global_source_state", "OrigIpString", "OrigMaskString",
     "get_network_device_list", "free_eth_device", "print_network", "network_status",
     "config_show_network", "bonding_discover", "bond_config", "bridge_config", "infiniband_config",
     "read_meminfo", "read_hypervisor_meminfo", "read_xenballoon_instantaneous",

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "agent_handles.h"
+#include "agent_sources.h"
 
 namespace zorvik
 {
@@ -87,6 +88,7 @@ unique_text string_take(char **existing, known_length_t &known)
 
 conn_t *new_conn()
 {
+    begin_sources();
     return &the_connection;
 }
 
