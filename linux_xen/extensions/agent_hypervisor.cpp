@@ -139,6 +139,22 @@ int get_credit_share(xc_interface_core *handle, uint32_t domid, credit_share_t *
     return status;
 }
 
+int get_credit2_share(xc_interface_core *handle, uint32_t domid, credit_share_t *share)
+{
+    struct xen_domctl_sched_credit2 credit = {};
+    const int status = xc_sched_credit2_domain_get(handle, domid, &credit);
+    *share = {credit.weight, credit.cap};
+    return status;
+}
+
+int get_rtds_share(xc_interface_core *handle, uint32_t domid, rtds_share_t *share)
+{
+    struct xen_domctl_sched_rtds rtds = {};
+    const int status = xc_sched_rtds_domain_get(handle, domid, &rtds);
+    *share = {rtds.period, rtds.budget};
+    return status;
+}
+
 int get_sedf_share(xc_interface_core *handle, uint32_t domid, sedf_share_t *share)
 {
     *share = {};

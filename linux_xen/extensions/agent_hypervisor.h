@@ -77,10 +77,16 @@ template <typename Report> void for_each_domain(xc_interface_core *handle, Repor
 /** Which scheduler the hypervisor uses, by its number. Returns the library's result. */
 int get_scheduler(xc_interface_core *handle, int *id);
 
-/** A domain's share under the credit scheduler. */
+/** A domain's share under the credit schedulers. */
 struct credit_share_t {
     uint16_t weight;
     uint16_t cap;
+};
+
+/** A domain's share under the RTDS scheduler; times are in microseconds. */
+struct rtds_share_t {
+    uint32_t period;
+    uint32_t budget;
 };
 
 /** A domain's share under the SEDF scheduler; times are in nanoseconds. */
@@ -93,10 +99,12 @@ struct sedf_share_t {
 };
 
 /**
- * Both fill in a domain's share. They return the library's result, or -1 where it has no call for
+ * All fill in a domain's share. They return the library's result, or -1 where it has no call for
  * that: SEDF left it with Xen 4.6.
  */
 int get_credit_share(xc_interface_core *handle, uint32_t domid, credit_share_t *share);
+int get_credit2_share(xc_interface_core *handle, uint32_t domid, credit_share_t *share);
+int get_rtds_share(xc_interface_core *handle, uint32_t domid, rtds_share_t *share);
 int get_sedf_share(xc_interface_core *handle, uint32_t domid, sedf_share_t *share);
 
 } // namespace zorvik

@@ -8,6 +8,7 @@
 
 #include "agent_common.h"
 #include "agent_hypervisor.h"
+#include "agent_sources.h"
 
 namespace zorvik
 {
@@ -104,12 +105,11 @@ void send_sedf(xc_interface_core *handle, int indent, uint32_t domid)
                     id, share.period, share.slice, share.latency, share.extratime, share.weight);
 }
 
-void send_credit(xc_interface_core *handle, int indent, uint32_t domid)
+/** Writes what a call of one of the credit schedulers says. */
+void send_weight(int indent, int id, const char *scheduler, int status, const credit_share_t &share)
 {
-    credit_share_t share;
-    const int id = static_cast<int>(domid);
-    if (const int status = get_credit_share(handle, domid, &share))
-        return log_schedule("CREDIT", id, status);
+    if (status != 0)
+        return log_schedule(scheduler, id, status);
     conn_send_lines(256, indent,
                     "<Domain Id=\"%d\">\n"
                     "  <Weight>%hu</Weight>\n"
@@ -118,24 +118,56 @@ void send_credit(xc_interface_core *handle, int indent, uint32_t domid)
                     id, share.weight, share.cap);
 }
 
+void send_credit(xc_interface_core *handle, int indent, uint32_t domid)
+{
+    credit_share_t share;
+    const int status = get_credit_share(handle, domid, &share);
+    send_weight(indent, static_cast<int>(domid), "CREDIT", status, share);
+}
+
+void send_credit2(xc_interface_core *handle, int indent, uint32_t domid)
+{
+    credit_share_t share;
+    const int status = get_credit2_share(handle, domid, &share);
+    send_weight(indent, static_cast<int>(domid), "CREDIT2", status, share);
+}
+
+void send_rtds(xc_interface_core *handle, int indent, uint32_t domid)
+{
+    rtds_share_t share;
+    const int id = static_cast<int>(domid);
+    if (const int status = get_rtds_share(handle, domid, &share))
+        return log_schedule("RTDS", id, status);
+    conn_send_lines(256, indent,
+                    "<Domain Id=\"%d\">\n"
+                    "  <Period>%u</Period>\n"
+                    "  <Budget>%u</Budget>\n"
+                    "</Domain>\n",
+                    id, share.period, share.budget);
+}
+
 /** The hypervisor's number of a scheduler, and what tells a domain's share under it. */
 struct scheduler_t {
     int id;
     const char *name;
     void (*send)(xc_interface_core *handle, int indent, uint32_t domid);
+    source_age age;
 };
 
 constexpr scheduler_t schedulers[] = {
-    {4, "sedf", send_sedf},
-    {5, "credit", send_credit},
+    {4, "sedf", send_sedf, CLASSIC},
+    {5, "credit", send_credit, CLASSIC},
+    {6, "credit2", send_credit2, CURRENT},
+    {8, "rtds", send_rtds, CURRENT},
 };
 
-constexpr scheduler_t unknown_scheduler = {0, "unknown", [](xc_interface_core *, int, uint32_t) {}};
+constexpr scheduler_t unknown_scheduler = {0, "unknown", [](xc_interface_core *, int, uint32_t) {},
+                                           CLASSIC};
 
 const scheduler_t &find_scheduler(int id)
 {
     for (const scheduler_t &scheduler : schedulers)
-        if (scheduler.id == id)
+        if (scheduler.id == id && is_asked(scheduler.age))
             return scheduler;
     return unknown_scheduler;
 }

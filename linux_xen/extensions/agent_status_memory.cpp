@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "agent_common.h"
+#include "agent_sources.h"
 #include "config_memory.h"
 
 namespace zorvik
@@ -71,6 +72,15 @@ int send_meminfo(int indent, const struct meminfo_contents &mic)
     return 0;
 }
 
+constexpr source_t<struct xenballoon_contents *> balloon_sources[] = {
+    {read_xenballoon_instantaneous, CLASSIC},
+    {read_xenballoon_sysfs, CURRENT},
+};
+constexpr source_t<struct meminfo_contents *> meminfo_sources[] = {
+    {read_meminfo, CLASSIC},
+    {read_meminfo_lines, CURRENT},
+};
+
 } // namespace
 
 long available_memory(long freeMB)
@@ -92,12 +102,14 @@ int send_memory_info(int indent)
     if (const int status = send_hypervisor(child, hmi))
         return status;
     struct xenballoon_contents xbc;
-    if (const int status = read_xenballoon_instantaneous(&xbc))
-        return conn_close_early("Memory", indent, status);
-    if (const int status = send_balloon(child, xbc))
-        return status;
+    const int balloon = ask_sources(balloon_sources, &xbc);
+    if (balloon != 0 && !is_asked(CURRENT))
+        return conn_close_early("Memory", indent, balloon);
+    if (balloon == 0)
+        if (const int status = send_balloon(child, xbc))
+            return status;
     struct meminfo_contents mic;
-    if (const int status = read_meminfo(&mic))
+    if (const int status = ask_sources(meminfo_sources, &mic))
         return conn_close_early("Memory", indent, status);
     if (const int status = send_meminfo(child, mic))
         return status;

@@ -2,6 +2,7 @@
 #include "config_memory.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <fcntl.h>
 
@@ -9,6 +10,7 @@
 #include "agent_files.h"
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
+#include "agent_text.h"
 
 namespace zorvik
 {
@@ -16,6 +18,7 @@ namespace zorvik
 namespace
 {
 
+constexpr char meminfo_file[] = "/proc/meminfo";
 constexpr unsigned long kb_per_page = 4;
 
 /** Takes the figures of `contents` from a file's text. Returns whether they were all there. */
@@ -85,13 +88,86 @@ bool parse_balloon(const char *text, struct xenballoon_contents *xbc)
     return item_count == 6 && sscanf(limit, "%lu", &xbc->xbc_XenHardLimit_inKB) == 1;
 }
 
+/** Takes a number behind blanks. Returns what follows, or null where there is none that fits. */
+const char *take_number(const char *text, unsigned long *value)
+{
+    text += strspn(text, " ");
+    const auto [end, error] = std::from_chars(text, text + strlen(text), *value);
+    return error == std::errc{} ? end : nullptr;
+}
+
+/** Takes the number that the line beginning with `key` has. Returns whether there is one. */
+bool find_line(const char *text, const char *key, unsigned long *value)
+{
+    for (const char *line = text; line; line = strchr(line, '\n')) {
+        line += *line == '\n';
+        if (has_prefix(line, key))
+            return take_number(line + strlen(key), value) != nullptr;
+    }
+    return false;
+}
+
+bool parse_meminfo_lines(const char *text, struct meminfo_contents *mic)
+{
+    return find_line(text, "MemTotal:", &mic->mic_MemTotal_inKB) &&
+           find_line(text, "MemFree:", &mic->mic_MemFree_inKB);
+}
+
+struct figure_t {
+    unsigned long value;
+};
+
+/** A figure that stands alone in its file. */
+bool parse_figure(const char *text, figure_t *figure)
+{
+    const char *behind = take_number(text, &figure->value);
+    return behind && (*behind == '\n' || *behind == '\0');
+}
+
+struct balloon_figure_t {
+    const char *path;
+    unsigned long xenballoon_contents::*value;
+};
+
+constexpr balloon_figure_t balloon_figures[] = {
+    {"/sys/devices/system/xen_memory/xen_memory0/info/current_kb",
+     &xenballoon_contents::xbc_CurrentAllocation_inKB},
+    {"/sys/devices/system/xen_memory/xen_memory0/target_kb",
+     &xenballoon_contents::xbc_RequestedTarget_inKB},
+    {"/sys/devices/system/xen_memory/xen_memory0/info/low_kb",
+     &xenballoon_contents::xbc_LowMemBalloon_inKB},
+};
+
 } // namespace
+
+int read_meminfo_lines(struct meminfo_contents *contents)
+{
+    const int status = read_contents<8193>(meminfo_file, parse_meminfo_lines, contents);
+    if (status == EINVAL)
+        error_print("? %s: no figures in %s\n", __func__, meminfo_file);
+    return status;
+}
+
+int read_xenballoon_sysfs(struct xenballoon_contents *contents)
+{
+    *contents = {};
+    for (const balloon_figure_t &row : balloon_figures) {
+        figure_t figure;
+        const int status = read_contents<64>(row.path, parse_figure, &figure);
+        if (status != 0 && status != ENOENT)
+            error_errno(__func__, status, "no figure in '%s'", row.path);
+        if (status != 0)
+            return status;
+        contents->*row.value = figure.value;
+    }
+    return 0;
+}
 
 int read_meminfo(struct meminfo_contents *contents)
 {
     if (!contents)
         return error_invalid_arguments(__func__);
-    return read_contents<8193>("/proc/meminfo", parse_meminfo, contents);
+    return read_contents<8193>(meminfo_file, parse_meminfo, contents);
 }
 
 int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *contents)

@@ -56,6 +56,9 @@ struct xenballoon_contents {
  */
 MODULE_EXPORT int read_meminfo(struct meminfo_contents *contents);
 
+/** Reads the total and what is free from the lines of /proc/meminfo, wherever they stand. */
+int read_meminfo_lines(struct meminfo_contents *contents);
+
 /** Asks the hypervisor. Returns 0, the errno of the failed open, or the result of xc_physinfo(). */
 MODULE_EXPORT int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *contents);
 
@@ -64,5 +67,11 @@ MODULE_EXPORT int read_hypervisor_meminfo(struct hypervisor_meminfo_contents *co
  * an errno.
  */
 MODULE_EXPORT int read_xenballoon_instantaneous(struct xenballoon_contents *contents);
+
+/**
+ * Reads the figures that the balloon driver of newer kernels has in sysfs: allocation, target and
+ * low memory. Returns 0, EINVAL for one that is no number, or an errno.
+ */
+int read_xenballoon_sysfs(struct xenballoon_contents *contents);
 
 } // namespace zorvik

@@ -84,6 +84,18 @@ bool granted(const char *call, const std::string &section, const char *key, int 
     return plan(call) == outcome::normal && (answer(section, key, missing) || errno == 0);
 }
 
+/** Answers a call for a domain's share under a scheduler from the numbers of `key`. */
+template <typename... Numbers>
+int get_share(const char *call, uint32_t id, const char *key, const char *format, Numbers... to)
+{
+    if (!granted(call, domain(id), key, EINVAL))
+        return -1;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // one for each scheduler
+    return sscanf(answer(domain(id), key, EINVAL), format, to...) == sizeof...(to) ? 0 : -1;
+#pragma GCC diagnostic pop
+}
+
 } // namespace
 
 /** Asks the real library where there is no host. */
@@ -188,21 +200,32 @@ int xc_sched_credit_domain_get(xc_interface *handle, uint32_t id,
                                struct xen_domctl_sched_credit *to)
 {
     WITHOUT_HOST(xc_sched_credit_domain_get, handle, id, to);
-    if (!granted("xc_sched_credit_domain_get", domain(id), "credit", EINVAL))
-        return -1;
-    const char *value = answer(domain(id), "credit", EINVAL);
-    return sscanf(value, "%" SCNu16 " %" SCNu16, &to->weight, &to->cap) == 2 ? 0 : -1;
+    return get_share("xc_sched_credit_domain_get", id, "credit", "%" SCNu16 " %" SCNu16,
+                     &to->weight, &to->cap);
+}
+
+int xc_sched_credit2_domain_get(xc_interface *handle, uint32_t id,
+                                struct xen_domctl_sched_credit2 *to)
+{
+    WITHOUT_HOST(xc_sched_credit2_domain_get, handle, id, to);
+    return get_share("xc_sched_credit2_domain_get", id, "credit2", "%" SCNu16 " %" SCNu16,
+                     &to->weight, &to->cap);
+}
+
+int xc_sched_rtds_domain_get(xc_interface *handle, uint32_t id, struct xen_domctl_sched_rtds *to)
+{
+    WITHOUT_HOST(xc_sched_rtds_domain_get, handle, id, to);
+    return get_share("xc_sched_rtds_domain_get", id, "rtds", "%" SCNu32 " %" SCNu32, &to->period,
+                     &to->budget);
 }
 
 int xc_sedf_domain_get(xc_interface *handle, uint32_t id, uint64_t *period, uint64_t *slice,
                        uint64_t *latency, uint16_t *extratime, uint16_t *weight)
 {
     WITHOUT_HOST(xc_sedf_domain_get, handle, id, period, slice, latency, extratime, weight);
-    if (!granted("xc_sedf_domain_get", domain(id), "sedf", EINVAL))
-        return -1;
-    const char *value = answer(domain(id), "sedf", EINVAL);
     constexpr char format[] = "%" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu16 " %" SCNu16;
-    return sscanf(value, format, period, slice, latency, extratime, weight) == 5 ? 0 : -1;
+    return get_share("xc_sedf_domain_get", id, "sedf", format, period, slice, latency, extratime,
+                     weight);
 }
 
 } // extern "C"
