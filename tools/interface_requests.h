@@ -29,4 +29,6 @@ inline constexpr interface_request_t mii_request = {"mii", SIOCGMIIPHY, 0, EOPNO
 inline constexpr interface_request_t glink_request = {"glink", SIOCETHTOOL, ETHTOOL_GLINK,
                                                       EOPNOTSUPP};
 inline constexpr interface_request_t gset_request = {"gset", SIOCETHTOOL, ETHTOOL_GSET, EOPNOTSUPP};
+inline constexpr interface_request_t link_settings_request = {"glinksettings", SIOCETHTOOL,
+                                                              ETHTOOL_GLINKSETTINGS, EOPNOTSUPP};
 inline constexpr interface_request_t gwol_request = {"gwol", SIOCETHTOOL, ETHTOOL_GWOL, EOPNOTSUPP};

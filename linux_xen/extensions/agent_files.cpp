@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 
@@ -44,6 +45,28 @@ ssize_t read_up_to(int fd, char *text, size_t size)
     return static_cast<ssize_t>(length);
 }
 
+int read_whole(int fd, size_t limit, unique_heap<unsigned char> *block, size_t *length)
+{
+    constexpr size_t first_size = 65536;
+    *length = 0;
+    for (size_t size = std::min(first_size, limit); *length < limit;
+         size = std::min(2 * size, limit)) {
+        auto *grown = static_cast<unsigned char *>(realloc(block->get(), size + 1));
+        if (!grown)
+            return ENOMEM;
+        static_cast<void>(block->release());
+        block->reset(grown);
+        char *text = reinterpret_cast<char *>(grown);
+        const ssize_t count = read_up_to(fd, text + *length, size + 1 - *length);
+        if (count < 0)
+            return errno;
+        *length += static_cast<size_t>(count);
+        if (*length < size)
+            return 0;
+    }
+    return EFBIG;
+}
+
 ssize_t read_first_line(int fd, char *line, size_t size)
 {
     size_t length = 0;
@@ -66,14 +89,20 @@ ssize_t read_first_line(int fd, char *line, size_t size)
     return end - line;
 }
 
-const char *next_entry(DIR *directory, unsigned int kinds)
+const struct dirent *next_dirent(DIR *directory, unsigned int kinds)
 {
     while (const struct dirent *entry = readdir(directory)) {
         const unsigned int kind = 1U << entry->d_type;
         if ((kinds & kind) && (entry->d_name[0] != '.' || (kinds & ENTRY_DOTTED)))
-            return entry->d_name;
+            return entry;
     }
     return nullptr;
+}
+
+const char *next_entry(DIR *directory, unsigned int kinds)
+{
+    const struct dirent *entry = next_dirent(directory, kinds);
+    return entry ? entry->d_name : nullptr;
 }
 
 } // namespace zorvik

@@ -54,6 +54,12 @@ ssize_t read_once(int fd, char *text, size_t size);
 ssize_t read_up_to(int fd, char *text, size_t size);
 
 /**
+ * Reads a file to its end into a new block. Returns 0 with its length, EFBIG when it has `limit`
+ * bytes or more, ENOMEM, or the errno of a failed read.
+ */
+int read_whole(int fd, size_t limit, unique_heap<unsigned char> *block, size_t *length);
+
+/**
  * Reads the first line, cut to its buffer of `size` bytes, without its line feed. Returns its
  * length, or -1 when there is none: errno then tells what failed, and is 0 for an empty file.
  */
@@ -72,9 +78,10 @@ enum entry_kinds : unsigned int {
 };
 
 /**
- * The name of the next entry of one of the `kinds`, in the order the directory yields them.
+ * The next entry of one of the `kinds`, in the order the directory yields them, or its name alone.
  * Valid until the next call; null at the end.
  */
+const struct dirent *next_dirent(DIR *directory, unsigned int kinds);
 const char *next_entry(DIR *directory, unsigned int kinds);
 
 } // namespace zorvik

@@ -94,6 +94,13 @@ void print_dump_line(const unsigned char *bytes, int length, unsigned int offset
 
 } // namespace
 
+int64_t now_ms()
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
 void hex_dump(const void *base, int length, int offset, int trail)
 {
     if (!base) {

@@ -48,6 +48,9 @@ ssize_t strlcat(char *dest, const char *source, ssize_t total);
 /** Writes seconds since the epoch as UTC, "1970-01-01T00:00:00". Returns a heap string or null. */
 char *xml_dateTime(time_t secs);
 
+/** A moment on the clock that only goes forward, in milliseconds. */
+int64_t now_ms();
+
 /**
  * Debug dump of `length` bytes, 16 a line, numbered from `offset`; `trail` adds an empty line.
  * Printed at debug level 1, and above 128 bytes only at level 3.

@@ -69,17 +69,18 @@ void send_hw_address(query_socket_t &queries, int indent, const char *name, int 
     conn_send_lines(128, indent, "<MAC>%s</MAC>\n", mac);
 }
 
-/** Writes the hardware address and the flags of a device. */
-void show_dev_info(query_socket_t &queries, int indent, const char *name, int directory)
+/** Writes the hardware address and the flags of a device. Returns whether they say it is down. */
+bool show_dev_info(query_socket_t &queries, int indent, const char *name, int directory)
 {
     send_hw_address(queries, indent, name, directory);
     if (!query_device(__func__, queries, name, SIOCGIFFLAGS, "flags"))
-        return;
+        return false;
     // The kernel's field is signed, and so is its way into the wider word.
     const int flags = queries.answer.ifr_flags;
     const unique_text text{flag_string(static_cast<unsigned int>(flags), iffFlags)};
     if (text)
         conn_send_XML_string("Flags", indent, text.get());
+    return !(flags & IFF_UP);
 }
 
 /** Writes a Family element; only `address` has to be there. */
@@ -114,12 +115,17 @@ bool is_skipped(const char *file)
                        [file](const char *skipped) { return has_prefix(file, skipped); });
 }
 
+/** What has been found out about a device. */
+struct found_t {
+    bool is_down, has_hardware;
+};
+
 /** Writes every readable sysfs attribute of an interface and of the hardware behind it, if any. */
 void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t &bonds,
-                bool hardware)
+                const found_t &device)
 {
     const path_t<128 + 1> prefix("%s%s/", net_class, name);
-    const attribute_place_t place = {dirfd(directory), prefix.text};
+    const attribute_place_t place = {dirfd(directory), prefix.text, device.is_down};
     conn_send_start("SysFS", indent);
     while (const char *file = next_entry(directory, ENTRY_FILE | ENTRY_DOTTED))
         if (!is_skipped(file))
@@ -128,7 +134,7 @@ void show_sysfs(int indent, const char *name, DIR *directory, const bond_list_t 
         conn_send_start("SysFSDev", indent + 2);
         // Without hardware every one of them would be looked up in vain.
         for (const char *file : hardware_attributes)
-            if (hardware)
+            if (device.has_hardware)
                 send_attribute(hardware_attribute, place, path_t<32>("device/%s", file).text, file,
                                indent + 4);
         conn_send_end("SysFSDev", indent + 2);
@@ -148,13 +154,12 @@ void show_device(query_socket_t &queries, int indent, const eth_device_t *device
     if (has_prefix(name, "qcn") && !strchr(name, '.'))
         conn_send_XML_string("CloudNet", indent + 2, "1");
     vlan_info(indent + 2, name);
-    show_dev_info(queries, indent + 4, name, fd);
-    const bool hardware = has_hardware(name, fd);
-    if (hardware)
+    const found_t found = {show_dev_info(queries, indent + 4, name, fd), has_hardware(name, fd)};
+    if (found.has_hardware)
         show_link_layer(queries, indent + 4, name);
     show_addresses(indent + 4, device);
     if (directory)
-        show_sysfs(indent + 4, name, directory.get(), bonds, hardware);
+        show_sysfs(indent + 4, name, directory.get(), bonds, found);
     else
         error_errno("show_sysfs", error, "failed to open '%s'", path.text);
     conn_send_end("Device", indent);

@@ -1,11 +1,14 @@
 // Bonds: as the bonding driver's status tells them, and as sysfs does.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 #include "config_network_internal.h"
 #include "config_network_sysfs.h"
@@ -35,6 +38,30 @@ struct bond_line_t {
     unique_text value;
 };
 
+bool is_name_character(char character)
+{
+    return isascii(character) && (isalnum(character) || strchr("_-.", character));
+}
+
+/**
+ * Makes an XML name of a key that is none: what must not stand in one becomes "_", and so does the
+ * blank before a unit or form.
+ */
+void name_key(unique_text *key, const char *untrimmed)
+{
+    char *text = key->get();
+    const bool starts = isascii(*text) && (isalpha(*text) || *text == '_');
+    if (starts && std::all_of(text, text + strlen(text), is_name_character))
+        return;
+    key->reset(strdup(untrimmed));
+    text = key->get();
+    if (!text)
+        return;
+    std::replace_if(text, text + strlen(text), std::not_fn(is_name_character), '_');
+    if (!isalpha(*text))
+        *text = '_';
+}
+
 /** Takes a line apart, "Key (unit): value"; the line is changed. */
 bond_line_t parse_bond_line(char *line)
 {
@@ -51,6 +78,10 @@ bond_line_t parse_bond_line(char *line)
     if (has_prefix(key.get(), "ARP IP target/s"))
         key.get()[sizeof targets - 1] = '\0';
     std::replace(key.get(), key.get() + strlen(key.get()), ' ', '_');
+    if (is_asked(CURRENT))
+        name_key(&key, line);
+    if (!key)
+        return {};
     for (const char *skipped : skipped_keys)
         if (has_prefix(key.get(), skipped))
             return {};
@@ -132,25 +163,50 @@ int show_bond_status(int indent, const char *name)
     return 0;
 }
 
-/** Writes the slaves that a bond's directory tells of. Returns 0 or the errno of a failure. */
-int send_bond_slaves(int indent, const char *path)
+/** What the entries of a bond's slaves begin with, and how long that is with what parts it. */
+struct slave_entry_t {
+    const char *prefix;
+    size_t length;
+    source_age age;
+};
+
+constexpr slave_entry_t slave_entries[] = {
+    {"slave", sizeof "slave_" - 1, CLASSIC},
+    {"lower_", sizeof "lower_" - 1, CURRENT},
+};
+
+/**
+ * Writes the slaves that a bond's directory tells of by one kind of entries. Returns 0, ENODATA when
+ * it has none of them, or the errno of a failure.
+ */
+int send_bond_slaves(int indent, const char *path, const slave_entry_t &kind)
 {
     const unique_directory bond{opendir(path)};
     if (!bond)
         return error_errno("bond_config", errno, "unable to open '%s'", path);
     bool open = false;
     while (const char *entry = next_entry(bond.get(), ENTRY_OTHER_THAN_DIRECTORY)) {
-        if (!has_prefix(entry, "slave"))
+        if (!has_prefix(entry, kind.prefix))
             continue;
         if (!open)
             conn_send_lines(128, indent, "<Device Name=\"%s\">\n", path + sizeof net_class - 1);
         open = true;
-        const size_t prefix = std::min(strlen(entry), strlen("slave_"));
+        const size_t prefix = std::min(strlen(entry), kind.length);
         conn_send_lines(128, indent + 2, "<Interface>%s</Interface>\n", entry + prefix);
     }
     if (open)
         conn_send_lines(128, indent, "</Device>\n");
-    return 0;
+    return open ? 0 : ENODATA;
+}
+
+/** Writes a bond with its slaves, by whichever entries tell of them. Returns 0 or an errno. */
+int send_bond(int indent, const char *path)
+{
+    int status = ENODATA;
+    for (const slave_entry_t &kind : slave_entries)
+        if (status == ENODATA && is_asked(kind.age))
+            status = send_bond_slaves(indent, path, kind);
+    return status == ENODATA ? 0 : status;
 }
 
 } // namespace
@@ -175,12 +231,12 @@ int bond_config(int indent)
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_start("Bonding", indent);
-    // As many bonds are looked for as there are directories, whatever their names.
-    for (int number = 0; next_entry(interfaces.get(), ENTRY_DIRECTORY); number++) {
+    // As many bonds are looked for as there are interfaces, whatever their names.
+    for (int number = 0; next_interface(interfaces.get()); number++) {
         const path_t<128> bond("%sbond%d", net_class, number);
         if (!path_exists(bond.text))
             continue;
-        if (const int status = send_bond_slaves(indent + 2, bond.text))
+        if (const int status = send_bond(indent + 2, bond.text))
             return conn_close_early("Bonding", indent, status);
     }
     return conn_send_end("Bonding", indent);

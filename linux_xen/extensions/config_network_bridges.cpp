@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
@@ -12,6 +12,7 @@
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 #include "config_network_internal.h"
 #include "config_network_sysfs.h"
@@ -24,6 +25,7 @@ namespace
 
 constexpr char switch_tool[] = "/usr/bin/ovs-vsctl";
 constexpr int64_t tool_seconds = 5;
+constexpr size_t most_listing = 1024 * 1024; // characters of the switch's bridges
 
 // The steps of show_opensw_ifs() speak in its name.
 constexpr char log_name[] = "show_opensw_ifs";
@@ -71,23 +73,15 @@ int show_bridge_ifs(int indent, const char *name)
     return end_bridge(indent);
 }
 
-/** A moment on the clock that only goes forward, in milliseconds. */
-int64_t now_ms()
-{
-    struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 /** The child's part between fork and exec: async-signal-safe calls alone. */
-[[noreturn]] void run_switch_tool(int output, const char *bridge)
+[[noreturn]] void run_switch_tool(int output, const char *command, const char *bridge)
 {
     // Already there when the host process has closed its own: then it must only stay open.
     if ((output == STDOUT_FILENO ? fcntl(output, F_SETFD, 0) : dup2(output, STDOUT_FILENO)) < 0)
         _exit(1);
     // Whoever writes more than is read is not to die of it, as under Python, which ignores it too.
     signal(SIGPIPE, SIG_IGN);
-    execl(switch_tool, "ovs-vsctl", "list-ports", bridge, static_cast<char *>(nullptr));
+    execl(switch_tool, "ovs-vsctl", command, bridge, static_cast<char *>(nullptr));
     _exit(127);
 }
 
@@ -125,7 +119,8 @@ enum output_state {
     OUTPUT_READ,
     OUTPUT_FAILED,
     OUTPUT_LATE,
-    OUTPUT_HELD // the tool ended without any, and another process keeps it open
+    OUTPUT_FLOOD, // more than there is room for
+    OUTPUT_HELD   // the tool ended without any, and another process keeps it open
 };
 
 /** Reads the tool's output once, the text or its end, whichever comes first. */
@@ -155,14 +150,26 @@ output_state read_output(int64_t deadline, int fd, tool_t *tool, char *text, siz
     return length < 0 ? OUTPUT_FAILED : OUTPUT_READ;
 }
 
-} // namespace
-
-int64_t switch_tool_deadline()
+/** Reads the tool's output to its end. */
+output_state read_whole_output(int64_t deadline, int fd, tool_t *tool, char *text, size_t size)
 {
-    return now_ms() + tool_seconds * 1000;
+    output_state state = OUTPUT_READ;
+    for (size_t length = 0; state == OUTPUT_READ; length += strlen(text + length)) {
+        if (length == size - 1)
+            return OUTPUT_FLOOD;
+        state = read_output(deadline, fd, tool, text + length, size - length);
+        if (state == OUTPUT_READ && !text[length])
+            break;
+    }
+    return state;
 }
 
-int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size)
+using read_tool_t = output_state (*)(int64_t deadline, int fd, tool_t *tool, char *text,
+                                     size_t size);
+
+/** Has the switch's tool carry out a command, on a bridge or with null on none. */
+int ask_switch(const char *command, const char *bridge, int64_t deadline, read_tool_t read_tool,
+               char *text, size_t size)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -173,13 +180,18 @@ int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t s
     if (tool.child < 0)
         return error_errno(log_name, errno, "can not fork");
     if (tool.child == 0)
-        run_switch_tool(writing.fd, bridge);
+        run_switch_tool(writing.fd, command, bridge);
     writing.reset();
-    const output_state output = read_output(deadline, reading.fd, &tool, text, size);
+    const output_state output = read_tool(deadline, reading.fd, &tool, text, size);
     reading.reset();
     if (output == OUTPUT_HELD)
         error_print("? %s: %s ended, but another process keeps its output open\n", log_name,
                     switch_tool);
+    if (output == OUTPUT_FLOOD) {
+        error_print("? %s: %s %s writes more than %zu bytes\n", log_name, switch_tool, command,
+                    size - 1);
+        kill(tool.child, SIGKILL);
+    }
     if (ends_before(output == OUTPUT_LATE ? now_ms() : deadline, &tool)) {
         const bool worked = tool.status ? *tool.status == 0 : output == OUTPUT_READ;
         return worked ? 0 : -1;
@@ -189,6 +201,23 @@ int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t s
     error_print("? %s: %s did not end within %ld seconds and was killed\n", log_name, switch_tool,
                 tool_seconds);
     return -1;
+}
+
+} // namespace
+
+int64_t switch_tool_deadline()
+{
+    return now_ms() + tool_seconds * 1000;
+}
+
+int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size)
+{
+    return ask_switch("list-ports", bridge, deadline, read_output, text, size);
+}
+
+int list_switch_bridges(int64_t deadline, char *text, size_t size)
+{
+    return ask_switch("list-br", nullptr, deadline, read_whole_output, text, size);
 }
 
 namespace
@@ -218,6 +247,49 @@ int show_opensw_ifs(int indent, const char *name, int64_t deadline)
     return end_bridge(indent);
 }
 
+/** Where the kernel shows the switch's module, and whether its bridges look like the kernel's. */
+struct switch_module_t {
+    const char *path;
+    bool has_kernel_bridges;
+    source_age age;
+};
+
+constexpr switch_module_t switch_modules[] = {
+    {"/sys/module/openvswitch_mod", true, CLASSIC},
+    {"/sys/module/openvswitch", false, CURRENT},
+};
+
+/** Which of the switch's modules is loaded, null for none. */
+const switch_module_t *find_switch()
+{
+    for (const switch_module_t &module : switch_modules)
+        if (is_asked(module.age) && path_exists(module.path))
+            return &module;
+    return nullptr;
+}
+
+/** Writes the bridges that the switch's tool lists. One that is gone meanwhile has no ports. */
+void show_listed_bridges(int indent, int64_t deadline)
+{
+    const unique_text names{static_cast<char *>(malloc(most_listing + 1))};
+    if (!names) {
+        error_print("? %s: unable to allocate %zu bytes\n", log_name, most_listing);
+        return;
+    }
+    if (list_switch_bridges(deadline, names.get(), most_listing + 1) != 0) {
+        error_print("? %s: %s list-br failed\n", log_name, switch_tool);
+        return;
+    }
+    char *name = names.get();
+    while (char *end = strchr(name, '\n')) {
+        *end = '\0';
+        // The tool would take it for an option.
+        if (name[0] && name[0] != '-' && show_opensw_ifs(indent, name, deadline) != 0)
+            error_print("? %s: the ports of '%s' could not be listed\n", log_name, name);
+        name = end + 1;
+    }
+}
+
 } // namespace
 
 int bridge_config(int indent)
@@ -230,12 +302,15 @@ int bridge_config(int indent)
     while (const char *name = next_entry(interfaces.get(), ENTRY_LINK)) {
         if (!path_exists(path_t<128>("%s/bridge", name).text, dirfd(interfaces.get())))
             continue;
-        const bool open_switch = path_exists("/sys/module/openvswitch_mod");
-        const int status = open_switch ? show_opensw_ifs(indent + 2, name, deadline)
-                                       : show_bridge_ifs(indent + 2, name);
+        const switch_module_t *module = find_switch();
+        const int status = module && module->has_kernel_bridges
+                               ? show_opensw_ifs(indent + 2, name, deadline)
+                               : show_bridge_ifs(indent + 2, name);
         if (status != 0)
             return conn_close_early("Bridges", indent, status);
     }
+    if (const switch_module_t *module = find_switch(); module && !module->has_kernel_bridges)
+        show_listed_bridges(indent + 2, deadline);
     return conn_send_end("Bridges", indent);
 }
 

@@ -67,4 +67,7 @@ int64_t switch_tool_deadline();
  */
 int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size);
 
+/** The same for the names of all bridges, to the end of what the tool writes. */
+int list_switch_bridges(int64_t deadline, char *text, size_t size);
+
 } // namespace zorvik

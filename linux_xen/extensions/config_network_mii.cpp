@@ -7,6 +7,7 @@
 #include <linux/sockios.h>
 
 #include "agent_common.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 #include "config_network_internal.h"
 #include "config_network_link.h"
@@ -92,6 +93,15 @@ int read_mii_register(query_socket_t &queries, const char *devName, int number, 
     return 0;
 }
 
+/** How many of a PHY's registers have to be readable; one behind them counts as 0 if it is not. */
+struct needed_registers_t {
+    int count;
+    source_age age;
+};
+
+// IEEE 802.3 has those of the basic set and of negotiation; what stands behind is up to the maker.
+constexpr needed_registers_t needed_registers[] = {{16, CLASSIC}, {7, CURRENT}};
+
 /** Reads a PHY's registers 0 to `maxReg` - 1. Returns 0 or an errno. */
 int get_mii_regs(query_socket_t &queries, const char *devName, uint16_t *mii_regs, int maxReg)
 {
@@ -103,8 +113,12 @@ int get_mii_regs(query_socket_t &queries, const char *devName, uint16_t *mii_reg
     // Some bits of the status register hold what happened since it was last read: it is read twice.
     uint16_t past = 0;
     int status = read_mii_register(queries, devName, MII_BMSR, &past);
-    for (int number = 0; status == 0 && number < maxReg; number++)
+    const int needed = newest_asked(needed_registers).count;
+    for (int number = 0; status == 0 && number < maxReg; number++) {
         status = read_mii_register(queries, devName, number, &mii_regs[number]);
+        if (status != 0 && number >= needed)
+            status = mii_regs[number] = 0;
+    }
     return status;
 }
 

@@ -10,10 +10,39 @@
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 
 namespace zorvik
 {
+
+namespace
+{
+
+/** How an interface stands in the directory of them, and what makes sure that it is one. */
+struct interface_entry_t {
+    int type;
+    const char *needed;
+    source_age age;
+};
+
+constexpr interface_entry_t interface_entries[] = {
+    {DT_DIR, nullptr, CLASSIC},
+    {DT_LNK, "statistics", CURRENT},
+};
+
+} // namespace
+
+const char *next_interface(DIR *interfaces)
+{
+    while (const struct dirent *entry = next_dirent(interfaces, ENTRY_ANY))
+        for (const interface_entry_t &row : interface_entries)
+            if (row.type == entry->d_type && is_asked(row.age) &&
+                (!row.needed || path_exists(path_t<320>("%s/%s/", entry->d_name, row.needed).text,
+                                            dirfd(interfaces))))
+                return entry->d_name;
+    return nullptr;
+}
 
 bool has_hardware(const char *name, int directory)
 {
@@ -51,6 +80,27 @@ int get_device_mac_addr(const char *dev_name, char *mac, int mac_size, int direc
     return 1;
 }
 
+namespace
+{
+
+/** An error that says that a device has no such attribute, if only because it is down. */
+struct absence_t {
+    int error;
+    bool when_down;
+    source_age age;
+};
+
+constexpr absence_t absences[] = {{EOPNOTSUPP, false, CURRENT}, {EINVAL, true, CURRENT}};
+
+bool is_absent(int error, const attribute_place_t &place)
+{
+    return std::any_of(std::begin(absences), std::end(absences), [&](const absence_t &row) {
+        return row.error == error && (place.is_down || !row.when_down) && is_asked(row.age);
+    });
+}
+
+} // namespace
+
 void send_attribute(const attribute_kind_t &kind, const attribute_place_t &place, const char *name,
                     const char *element, int indent)
 {
@@ -60,7 +110,7 @@ void send_attribute(const attribute_kind_t &kind, const attribute_place_t &place
     const unique_fd file = open_file(name, place.fd);
     if (!file) {
         const int error = errno;
-        if (error != EACCES && error != kind.unlogged_error)
+        if (error != EACCES && error != kind.unlogged_error && !is_absent(error, place))
             log_error("unable to open", error);
         return;
     }
@@ -80,6 +130,8 @@ void send_attribute(const attribute_kind_t &kind, const attribute_place_t &place
         }
     }
     const int error = errno;
+    if (length < 0 && chunk == text + start.length && is_absent(error, place))
+        return;
     chunk = std::copy_n(end.text, end.length, chunk);
     conn_send2(text, static_cast<int>(chunk - text));
     if (length < 0 && error != EINVAL)

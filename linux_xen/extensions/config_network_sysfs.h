@@ -4,12 +4,19 @@
 #pragma once
 
 #include <cstddef>
+#include <dirent.h>
 
 namespace zorvik
 {
 
 /** The kernel's interface entries. Most paths below it are built with "%s/%s", a doubled slash. */
 inline constexpr char net_class[] = "/sys/class/net/";
+
+/**
+ * The name of the next interface in the open directory of them, where older kernels have a
+ * directory for each and newer ones a link. Valid until the next call; null at the end.
+ */
+const char *next_interface(DIR *interfaces);
 
 /**
  * Whether there is hardware behind a device, rather than the kernel alone. `directory` is its open
@@ -39,10 +46,14 @@ inline const char *whole_chunk(const char *chunk)
     return chunk;
 }
 
-/** An open directory of attributes, or AT_FDCWD, and what the log lines put before a name in it. */
+/**
+ * An open directory of attributes, or AT_FDCWD, and what the log lines put before a name in it;
+ * whether they are those of a device that is down.
+ */
 struct attribute_place_t {
     int fd;
     const char *prefix;
+    bool is_down = false;
 };
 
 /**

@@ -102,7 +102,7 @@ int network_status(int indent, int onlyMinimum)
     if (!interfaces)
         return error_errno(__func__, errno, "unable to open '%s'", net_class);
     conn_send_start("Network", indent);
-    while (const char *name = next_entry(interfaces.get(), ENTRY_DIRECTORY))
+    while (const char *name = next_interface(interfaces.get()))
         if (is_reported(name, dirfd(interfaces.get())))
             if (const int status = show_dev_stats(indent + 2, name, onlyMinimum))
                 return conn_close_early("Network", indent, status);

@@ -99,8 +99,35 @@ int answer_ethtool(const char *value, struct ifreq *request)
 int answer_settings(const char *value, struct ifreq *request)
 {
     auto *settings = reinterpret_cast<struct ethtool_cmd *>(request->ifr_data);
-    sscanf(value, "%x %x %hu %hhu %hhu", &settings->supported, &settings->advertising,
-           &settings->speed, &settings->duplex, &settings->autoneg);
+    uint32_t speed = 0;
+    sscanf(value, "%x %x %u %hhu %hhu", &settings->supported, &settings->advertising, &speed,
+           &settings->duplex, &settings->autoneg);
+    ethtool_cmd_speed_set(settings, speed);
+    return 0;
+}
+
+/** The kernel tells the size of its masks, and answers who asks with that size. */
+int answer_link_settings(const char *value, struct ifreq *request)
+{
+    auto *link = reinterpret_cast<struct ethtool_link_settings *>(request->ifr_data);
+    uint32_t supported = 0, advertising = 0;
+    static int8_t changing = 0;
+    int words = 0;
+    uint32_t speed = 0;
+    uint8_t duplex = 0, autoneg = 0;
+    sscanf(value, "%x %x %u %hhu %hhu %d", &supported, &advertising, &speed, &duplex, &autoneg,
+           &words);
+    if (words == 0)
+        words = 1 + changing++ % 64;
+    if (link->link_mode_masks_nwords != words) {
+        link->link_mode_masks_nwords = static_cast<int8_t>(-words);
+        return 0;
+    }
+    link->speed = speed;
+    link->duplex = duplex;
+    link->autoneg = autoneg;
+    link->link_mode_masks[0] = supported;
+    link->link_mode_masks[words] = advertising;
     return 0;
 }
 
@@ -121,6 +148,7 @@ constexpr device_request_t device_requests[] = {
     {{"mii", SIOCGMIIREG, 0, EOPNOTSUPP}, answer_mii_register},
     {glink_request, answer_ethtool<ethtool_value, &ethtool_value::data>},
     {gset_request, answer_settings},
+    {link_settings_request, answer_link_settings},
     {gwol_request, answer_ethtool<ethtool_wolinfo, &ethtool_wolinfo::wolopts>},
 };
 
