@@ -8,6 +8,7 @@
 #include "agent_common.h"
 #include "agent_discover_internal.h"
 #include "agent_hypervisor.h"
+#include "agent_sources.h"
 #include "config_ipmi.h"
 
 namespace zorvik
@@ -52,26 +53,40 @@ void send_physical_info(const host_t &host)
     conn_send_end("PhysicalInfo", 6);
 }
 
-/** Ends where the hypervisor does not answer, with what is open then left open. */
+// The steps of send_discover() speak in its name.
+constexpr char log_name[] = "send_discover";
+
+/**
+ * Writes the VMM element. Returns whether the document goes on: it ends where the hypervisor does
+ * not answer, with what is open then left open, unless current sources are asked.
+ */
+bool send_vmm()
+{
+    const bool goes_on = is_asked(CURRENT);
+    const unique_hypervisor hypervisor = open_hypervisor(log_name);
+    if (!hypervisor && !goes_on)
+        return false;
+    conn_send_start("VMM", 4);
+    host_t host;
+    const int status = hypervisor ? get_host(hypervisor.get(), &host) : ENODEV;
+    if (status == 0)
+        send_physical_info(host);
+    else if (hypervisor)
+        error_errno(log_name, errno, "xc_physinfo failed, sts %d", status);
+    if (status != 0 && !goes_on)
+        return false;
+    conn_send_end("VMM", 4);
+    return true;
+}
+
 void send_discover()
 {
     conn_send_lines(text_bytes, 0,
                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                     "<Discover_Hardware_Result>\n"
                     "  <NodeInformation>\n");
-    const unique_hypervisor hypervisor = open_hypervisor(__func__);
-    if (!hypervisor)
+    if (!send_vmm())
         return;
-
-    conn_send_start("VMM", 4);
-    host_t host;
-    if (const int status = get_host(hypervisor.get(), &host)) {
-        error_errno(__func__, errno, "xc_physinfo failed, sts %d", status);
-        return;
-    }
-    send_physical_info(host);
-    conn_send_end("VMM", 4);
-
     config_send_cpuinfo(4);
 
     conn_send_start("IO", 4);

@@ -8,6 +8,7 @@
 #include "agent_discover_internal.h"
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 
 namespace zorvik
@@ -103,19 +104,30 @@ void add_processor(cpu_list_t *list)
             conn_send_XML_string(remembered_keys[i].key, list->indent + 2, list->remembered[i]);
 }
 
+// The steps of show_proc_cpuinfo() speak in its name.
+constexpr char log_name[] = "show_proc_cpuinfo";
+
+/** Asks for the control domain's record. Returns whether it could be had. */
+bool get_control_domain(domain_t *domain)
+{
+    const unique_hypervisor hypervisor = open_hypervisor(log_name);
+    if (!hypervisor)
+        return false;
+    const int count = get_domain_from(hypervisor.get(), 0, domain);
+    if (count < 1)
+        error_print("? %s: unable to get domain 0 info, status %d\n", log_name, count);
+    return count >= 1;
+}
+
 void show_proc_cpuinfo(int indent)
 {
-    const unique_hypervisor hypervisor = open_hypervisor(__func__);
-    if (!hypervisor)
+    domain_t domain = {};
+    const bool known = get_control_domain(&domain);
+    if (!known && !is_asked(CURRENT))
         return;
-    domain_t domain;
-    if (const int count = get_domain_from(hypervisor.get(), 0, &domain); count < 1) {
-        error_print("? %s: unable to get domain 0 info, status %d\n", __func__, count);
-        return;
-    }
     const unique_stream table{fopen(processor_table, "re")};
     if (!table) {
-        error_errno(__func__, errno, "unable to open %s", processor_table);
+        error_errno(log_name, errno, "unable to open %s", processor_table);
         return;
     }
     conn_send_start("Proc_Info", indent);
@@ -124,10 +136,10 @@ void show_proc_cpuinfo(int indent)
     char line[line_bytes];
     while (fgets(line, sizeof line, table.get()))
         send_line(&list, line);
-    while (is_cpu_to_add(list.vcpus, domain.nr_online_vcpus, domain.max_vcpu_id))
+    while (known && is_cpu_to_add(list.vcpus, domain.nr_online_vcpus, domain.max_vcpu_id))
         add_processor(&list);
     if (!feof(table.get()))
-        error_print("? %s: %s terminated before eof\n", __func__, processor_table);
+        error_print("? %s: %s terminated before eof\n", log_name, processor_table);
     close_processor(list);
     conn_send_end("Proc_Info", indent);
 }

@@ -13,6 +13,7 @@
 
 #include "agent_common.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_text.h"
 #include "config_ipmi_internal.h"
 
@@ -68,15 +69,17 @@ void dump_buffer(const char *label, const void *buffer, size_t length)
              1);
 }
 
-bool send_request(int fd, const struct ipmi_msg *msg)
+/** Sends a request. Returns its number, or -1 after a failure. */
+int send_request(int fd, const struct ipmi_msg *msg)
 {
+    const int id = next_message_id();
     struct ipmi_system_interface_addr address = {};
     address.addr_type = IPMI_SYSTEM_INTERFACE_ADDR_TYPE;
     address.channel = IPMI_BMC_CHANNEL;
     struct ipmi_req request = {};
     request.addr = reinterpret_cast<unsigned char *>(&address);
     request.addr_len = sizeof address;
-    request.msgid = next_message_id();
+    request.msgid = id;
     request.msg.netfn = msg->netfn;
     request.msg.cmd = msg->cmd;
     request.msg.data_len = msg->data_len;
@@ -89,9 +92,9 @@ bool send_request(int fd, const struct ipmi_msg *msg)
         dump_buffer("Request message data", request.msg.data, request.msg.data_len);
     }
     if (ioctl(fd, IPMICTL_SEND_COMMAND, &request) >= 0)
-        return true;
+        return id;
     error_errno(log_name, errno, "failed to send command");
-    return false;
+    return -1;
 }
 
 bool wait_for_reply(int fd)
@@ -111,7 +114,8 @@ bool wait_for_reply(int fd)
     return true;
 }
 
-unique_reply receive_reply(int fd)
+/** Takes the message that has come, and the number of the request that it answers. */
+unique_reply receive_reply(int fd, long *id)
 {
     unique_heap<unsigned char> data{static_cast<unsigned char *>(calloc(1, reply_bytes))};
     if (!data) {
@@ -141,12 +145,57 @@ unique_reply receive_reply(int fd)
         error_print("? %s: failed to allocate response\n", log_name);
         return nullptr;
     }
+    *id = received.msgid;
     reply->netfn = received.msg.netfn;
     reply->cmd = received.msg.cmd;
     reply->data_len = received.msg.data_len;
     reply->data = data.release();
     return reply;
 }
+
+/** Takes the next message that comes, whatever it answers. */
+unique_reply take_next_reply(int fd, int)
+{
+    long answered = 0;
+    return wait_for_reply(fd) ? receive_reply(fd, &answered) : nullptr;
+}
+
+/** Waits until `deadline`, through any number of signals. Returns whether a message is there. */
+bool wait_until(int fd, int64_t deadline)
+{
+    struct pollfd waiting = {fd, POLLIN, 0};
+    int count = -1;
+    do {
+        const int64_t left = std::max(deadline - now_ms(), int64_t{0});
+        count = poll(&waiting, 1, static_cast<int>(left));
+    } while (count < 0 && errno == EINTR && now_ms() < deadline);
+    if (count < 0 && errno != EINTR)
+        error_errno(log_name, errno, "poll failed");
+    else if (waiting.revents != POLLIN)
+        error_print("%% %s: no data ready\n", log_name);
+    return count > 0 && waiting.revents == POLLIN;
+}
+
+/** Takes the reply to the request `id`; one that comes late for another is dropped. */
+unique_reply take_own_reply(int fd, int id)
+{
+    const int64_t deadline = now_ms() + reply_timeout_ms;
+    while (wait_until(fd, deadline)) {
+        long answered = 0;
+        unique_reply reply = receive_reply(fd, &answered);
+        if (!reply || answered == id)
+            return reply;
+        debug_at(1, "%% %s: reply to request %ld dropped\n", log_name, answered);
+    }
+    return nullptr;
+}
+
+struct reply_rule_t {
+    unique_reply (*take)(int fd, int id);
+    source_age age;
+};
+
+constexpr reply_rule_t reply_rules[] = {{take_next_reply, CLASSIC}, {take_own_reply, CURRENT}};
 
 } // namespace
 
@@ -156,9 +205,8 @@ unique_reply ipmicmd(int fd, const struct ipmi_msg *msg)
         error_invalid_arguments(__func__);
         return nullptr;
     }
-    if (!send_request(fd, msg) || !wait_for_reply(fd))
-        return nullptr;
-    return receive_reply(fd);
+    const int id = send_request(fd, msg);
+    return id < 0 ? nullptr : newest_asked(reply_rules).take(fd, id);
 }
 
 unique_reply get_lan_param(int fd, int chan, int param)

@@ -29,7 +29,8 @@ using unique_reply = std::unique_ptr<struct ipmi_msg, free_ipmi_reply>;
 
 /**
  * Sends one request through the device's descriptor and takes the next message that comes back
- * within a second, whatever it answers. Returns null after a failure, which is logged.
+ * within a second, whatever it answers; with current sources, the one that answers it. Returns null
+ * after a failure, which is logged.
  */
 unique_reply ipmicmd(int fd, const struct ipmi_msg *msg);
 

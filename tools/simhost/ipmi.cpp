@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <linux/ipmi.h>
+#include <optional>
 #include <poll.h>
 #include <sstream>
 #include <sys/ioctl.h>
@@ -36,6 +37,13 @@ exchange_t &exchange()
 {
     static auto &the_exchange = *new exchange_t{{nullptr, 0, -1, {}}, "", 0, 0, 0, false};
     return the_exchange;
+}
+
+/** The exchange whose reply was late, until that is received. */
+std::optional<exchange_t> &earlier()
+{
+    static auto &the_earlier = *new std::optional<exchange_t>;
+    return the_earlier;
 }
 
 bool well_formed(const struct ipmi_req &request)
@@ -69,10 +77,11 @@ int send_command(const struct ipmi_req &request)
     for (int i = 0; i < request.msg.data_len; i++)
         length += snprintf(key + length, 4, ".%02x", request.msg.data[i]);
     const char *reply = answer("ipmi", key, 0);
-    // What came too late for the last request is there for this one.
-    if (std::exchange(exchange().late, false)) {
-        exchange().events = POLLIN;
-        return 0;
+    // What came too late for the last request is there before the reply to this one.
+    earlier().reset();
+    if (exchange().late) {
+        earlier() = exchange();
+        earlier()->events = POLLIN;
     }
     exchange() = {request, "", 0, POLLIN, 0, false};
     std::istringstream words{reply ? reply : "c1"};
@@ -95,8 +104,12 @@ int send_command(const struct ipmi_req &request)
 
 int receive_message(struct ipmi_recv *received)
 {
-    exchange_t &last = exchange();
-    const short events = std::exchange(last.events, short{0});
+    exchange_t last = exchange();
+    if (earlier())
+        last = *std::exchange(earlier(), std::nullopt);
+    else
+        exchange().events = 0;
+    const short events = last.events;
     if (events != POLLIN || last.receive_error)
         return fail(events == POLLIN ? last.receive_error : EAGAIN);
     if (received->addr_len < sizeof(struct ipmi_addr) || received->msg.data_len < last.data.size())
@@ -122,6 +135,7 @@ bool simhost::is_ipmi(int fd)
 void simhost::ipmi_close()
 {
     exchange().late = false;
+    earlier().reset();
 }
 
 int simhost::ipmi_ioctl(unsigned long request, void *argument)
@@ -147,6 +161,6 @@ extern "C" int poll(struct pollfd *waiting, nfds_t count, int timeout)
         return REAL(poll)(waiting, count, timeout);
     if (exchange().interrupted-- > 0)
         return fail(EINTR);
-    waiting->revents = exchange().events;
+    waiting->revents = earlier() ? earlier()->events : exchange().events;
     return waiting->revents ? 1 : 0;
 }
