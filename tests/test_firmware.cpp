@@ -115,10 +115,8 @@ TEST_F(Firmware, SomeIdentifiersIdentifyNothing)
 std::string walked(const bytes_t &table, int items)
 {
     conn_free(&the_connection);
-    const dmi_entry_point_t dmi = {
-        {}, 0, static_cast<uint16_t>(table.size()), 0, static_cast<uint16_t>(items), 0, 0};
     std::vector<unsigned char> copy(table.begin(), table.end()); // exact, for AddressSanitizer
-    dmi_walk_t walk = {dmi, copy.data()};
+    dmi_walk_t walk = {{static_cast<int>(table.size()), items}, copy.data()};
     dmi_structure_t structure = {};
     std::string seen;
     while (next_structure(&walk, &structure)) {
@@ -221,6 +219,71 @@ TEST_F(Firmware, TellsWhereItLooksWhenDebugged)
               "% get_smbios_structures: 27 bytes at 0x2010, 1 structures\n"
               "% agent_unique_id: unique system ID: " +
                   std::string(network_order) + "\n");
+}
+
+struct kernel_row_t {
+    bytes_t entry, table;
+    const char *log;
+};
+
+/** A 64-bit entry point of `size` bytes that tells of `length`, for a table of `max` bytes. */
+bytes_t entry_64(size_t size, int length, uint32_t max)
+{
+    smbios3_entry_point_t smb = {{'_', 'S', 'M', '3', '_'}, 0, 0, 3, 1, 0, 1, 0, max, 0};
+    smb.length = static_cast<uint8_t>(length);
+    bytes_t entry(reinterpret_cast<const char *>(&smb), sizeof smb);
+    entry.resize(static_cast<size_t>(std::max(length, 6)));
+    set_cksum(&entry[5], entry.data(), length);
+    entry.resize(size);
+    return entry;
+}
+
+TEST_F(Firmware, KernelsCopyIsReadWhateverItSays)
+{
+    const bytes_t system = system_structure(good_uuid), end("\x7f\x04\x02\x00\0\0", 6);
+    const bytes_t good = entry_64(24, 24, 4096), cut = system + bytes_t("\x04\xff\x07\x00", 4);
+    bytes_t many = system;
+    for (int count = 0; count < 70000; count++)
+        many += bytes_t("\x0b\x04\x00\x00\0\0", 6);
+    bytes_t bad_sum = good;
+    bad_sum[5]++;
+    const kernel_row_t rows[] = {
+        {good, system + end, ""},
+        {entry_64(24, 24, 0xFFFFFFFF), many, ""},
+        {good, system, ""},
+        {entry_64(32, 32, 4096), cut, "? iter_dmi_elements: ran off end of table\n"},
+        {entry_64(24, 24, 16), system + end,
+         "? read_kernel_table: table of 33 bytes, its entry point says 16\n"},
+        {good.substr(0, 23), system,
+         "? read_kernel_table: entry point _SM3_ of 23 bytes is too short, it says 24\n"},
+        {entry_64(24, 8, 4096), system,
+         "? read_kernel_table: entry point _SM3_ of 24 bytes is too short, it says 8\n"},
+        {bad_sum, system, "? read_kernel_table: checksum of entry point _SM3_ failed\n"},
+        {"", system,
+         "? read_kernel_table: no entry point in /sys/firmware/dmi/tables/smbios_entry_point\n"},
+        {good, bytes_t(16 * 1024 * 1024, '\0'),
+         "? read_kernel_table: unable to read /sys/firmware/dmi/tables/DMI, errno 27 (File too "
+         "large)\n"},
+    };
+    global_source_state = 1;
+    put_memory(bytes_t(0x100000, '\0'));
+    for (const kernel_row_t &row : rows) {
+        const bytes_t folder = "/sys/firmware/dmi/tables/";
+        simhost_put((folder + "smbios_entry_point").c_str(), row.entry.data(), row.entry.size());
+        simhost_put((folder + "DMI").c_str(), row.table.data(), row.table.size());
+        const bool read = bytes_t(row.log).find("read_kernel_table: ") == bytes_t::npos ||
+                          bytes_t(row.log).find(": table of") != bytes_t::npos;
+        EXPECT_EQ(unique_id(), read ? network_order : card_order);
+        EXPECT_EQ(logged(), row.log[0] ? row.log : "(null)");
+    }
+    firmware_table_t table = {};
+    const bytes_t all = many + end + many; // nothing behind the end of the table counts
+    simhost_put("/sys/firmware/dmi/tables/smbios_entry_point", good.data(), good.size());
+    simhost_put("/sys/firmware/dmi/tables/DMI", all.data(), all.size());
+    EXPECT_EQ(read_kernel_table(&table), 0);
+    EXPECT_EQ(table.extent.items, 70002);
+    EXPECT_EQ(table.extent.length, static_cast<int>(all.size()));
+    EXPECT_EQ(table.max, 27U);
 }
 
 TEST_F(Firmware, EveryFailingCallIsToldAndTheCardsAnswer)

@@ -52,7 +52,9 @@ constexpr const char *wanted[] = {
     "/sys/class/net/*/bonding/@(slaves|mode)",
     "/sys/class/net/*/brif/*",
     "/sys/class/fc_host/*/statistics/@(rx|tx)_words",
-    "/sys/module/openvswitch_mod",
+    "/sys/devices/system/xen_memory/xen_memory0/@(target_kb|info)",
+    "/sys/devices/system/xen_memory/xen_memory0/info/@(current|low)_kb",
+    "/sys/module/openvswitch@(|_mod)",
 };
 
 void record_file(const std::string &path)

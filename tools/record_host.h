@@ -16,6 +16,9 @@ extern bool masking;
 /** The text with a stand-in for every hardware and IPv4 address, if that is wanted. */
 std::string mask_text(const std::string &text);
 
+/** Puts a stand-in in place of an address or identifier, written with the separator "." or ":". */
+void mask_bytes(unsigned char *bytes, size_t count, char separator);
+
 /** The same for the digits of a hardware address in a name or path: "enx02005e005310". */
 std::string mask_name(const std::string &name);
 

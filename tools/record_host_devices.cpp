@@ -1,6 +1,4 @@
-// Records what is no file: the answers of network devices and of the switch's tool, the firmware's
-// memory, the management controller and the hypervisor.
-
+// Records the answers of network devices and of the switch's tool.
 #include "record_host.h"
 
 #include <algorithm>
@@ -10,15 +8,12 @@
 #include <linux/ethtool.h>
 #include <linux/mii.h>
 #include <linux/sockios.h>
+#include <sstream>
 #include <sys/ioctl.h>
-#include <uuid/uuid.h>
 
 #include "agent_common.h"
-#include "agent_discover_internal.h"
 #include "agent_files.h"
 #include "agent_handles.h"
-#include "agent_hypervisor.h"
-#include "config_ipmi_internal.h"
 #include "config_network_internal.h"
 #include "config_network_query.h"
 #include "config_network_sysfs.h"
@@ -37,6 +32,7 @@ struct exchange_t {
         struct ethtool_value value;
         struct ethtool_cmd settings;
         struct ethtool_wolinfo wake;
+        uint32_t room[sizeof(struct ethtool_link_settings) / sizeof(uint32_t) + 3 * 128];
     } ethtool;
 };
 
@@ -66,6 +62,19 @@ std::string mii_registers(exchange_t &to)
     return words + format("\nmii_first %04x", first);
 }
 
+/** The settings in the newer record, for which the size is asked that was answered first. */
+std::string link_settings(exchange_t &to)
+{
+    auto &link = *reinterpret_cast<struct ethtool_link_settings *>(to.ethtool.room);
+    const int words = -link.link_mode_masks_nwords;
+    link.cmd = ETHTOOL_GLINKSETTINGS;
+    link.link_mode_masks_nwords = static_cast<int8_t>(words);
+    if (words <= 0 || to.queries.ask_again(SIOCETHTOOL) || link.link_mode_masks_nwords != words)
+        return format("!%s", error_name(EPROTO));
+    return format("%x %x %u %u %u %d", link.link_mode_masks[0], link.link_mode_masks[words],
+                  link.speed, link.duplex, link.autoneg, words);
+}
+
 /** A question to a network device, and how its answer is written. */
 struct question_t {
     interface_request_t asked;
@@ -84,105 +93,12 @@ constexpr question_t questions[] = {
     {gset_request,
      [](exchange_t &to) {
          const struct ethtool_cmd &settings = to.ethtool.settings;
-         return format("%x %x %u %u %u", settings.supported, settings.advertising, settings.speed,
-                       settings.duplex, settings.autoneg);
+         return format("%x %x %u %u %u", settings.supported, settings.advertising,
+                       ethtool_cmd_speed(&settings), settings.duplex, settings.autoneg);
      }},
+    {link_settings_request, link_settings},
     {gwol_request, [](exchange_t &to) { return format("0x%x", to.ethtool.wake.wolopts); }},
 };
-
-/** Puts a stand-in in place of an address or identifier, written with the separator "." or ":". */
-void mask_bytes(unsigned char *bytes, size_t count, char separator)
-{
-    std::string text;
-    for (size_t i = 0; i < count; i++)
-        text += format(separator == '.' ? "%d." : "%02x:", bytes[i]);
-    text = mask_text(text.substr(0, text.size() - 1));
-    char *at = text.data();
-    for (size_t i = 0; i < count; i++, at++)
-        bytes[i] = static_cast<unsigned char>(strtoul(at, &at, separator == '.' ? 10 : 16));
-}
-
-// Where it is told which string is a serial number or an asset tag, DMTF DSP0134 (SMBIOS), section
-// 7: of system, boards, chassis and processors, of memory modules, batteries and power supplies.
-constexpr struct {
-    uint8_t type, offset;
-} serial_fields[] = {{1, 0x07}, {2, 0x07},  {2, 0x08},  {3, 0x07},  {3, 0x08},  {4, 0x20},
-                     {4, 0x21}, {17, 0x18}, {17, 0x19}, {22, 0x07}, {39, 0x08}, {39, 0x09}};
-
-void mask_table(const dmi_entry_point_t &entry, unsigned char *table)
-{
-    constexpr uint8_t oem_strings = 11, first_oem_type = 128;
-    dmi_walk_t walk = {entry, table};
-    dmi_structure_t structure = {};
-    while (next_structure(&walk, &structure)) {
-        const uint8_t type = structure.header->type;
-        const bool whole = type == oem_strings || type >= first_oem_type;
-        for (unsigned int number = 1; number < 256; number++)
-            if (whole ||
-                std::any_of(
-                    std::begin(serial_fields), std::end(serial_fields), [&](const auto &row) {
-                        return row.type == type && dmi_number(structure, {row.offset, 1}) == number;
-                    }))
-                if (char *string = get_dmi_string(structure, static_cast<int>(number)))
-                    std::fill_n(string, strlen(string), 'X');
-        uint8_t *uuid = dmi_field(structure, DMI_FIELD(dmi_system_t, uuid));
-        if (type == DMI_SYSTEM && uuid && is_valid_uuid(uuid, sizeof(dmi_system_t::uuid)))
-            mask_bytes(uuid, sizeof(dmi_system_t::uuid), ':');
-    }
-}
-
-void record_memory(off_t address, const unsigned char *bytes, int count)
-{
-    printf("=== /dev/mem hex @0x%lx", address);
-    for (int i = 0; i < count; i++)
-        printf("%s%02x", i % 16 ? " " : "\n", bytes[i]);
-    printf("\n");
-}
-
-/** Records a failure, and tells of it in the same words. */
-void record_failure(const char *what)
-{
-    const int error = errno;
-    for (FILE *to : {stdout, stderr})
-        fprintf(to, "%s%s\n", what, error_name(error));
-}
-
-/** Puts a request, its data behind the network function and the command, and records the reply, the
- * address of `count` bytes at `offset` masked. */
-unique_reply record_request(int fd, std::vector<unsigned char> bytes, size_t offset = 0,
-                            size_t count = 0, char separator = ':')
-{
-    const struct ipmi_msg request = {bytes[0], bytes[1],
-                                     static_cast<unsigned short>(bytes.size() - 2), &bytes[2]};
-    unique_reply reply = ipmicmd(fd, &request);
-    if (count && judge_reply(reply.get()) == REPLY_USABLE)
-        mask_bytes(reply->data + offset, count, separator);
-    for (size_t i = 0; i < bytes.size(); i++)
-        printf("%s%02x", i ? "." : "", bytes[i]);
-    printf("%s", !reply ? " silence" : reply->data_len == 0 ? " empty" : "");
-    for (int i = 0; reply && i < std::min<int>(reply->data_len, 1024); i++)
-        printf(" %02x", reply->data[i]);
-    printf("\n");
-    return reply;
-}
-
-void record_domain(xc_interface_core *handle, domain_t info)
-{
-    if (masking && is_valid_uuid(info.handle, sizeof info.handle))
-        mask_bytes(info.handle, sizeof info.handle, ':');
-    char uuid[UUID_STR_LEN];
-    uuid_unparse(info.handle, uuid);
-    printf("=== [domain %u]\nhandle %s\nssidref %u\nnr_pages %lu\nshared_info_frame 0x%lx\n"
-           "max_memkb %lu\ncpu_time %lu\nonline_vcpus %u\nmax_vcpu_id %u\nshutdown_reason %u\n",
-           info.domid, uuid, info.ssidref, info.nr_pages, info.shared_info_frame, info.max_memkb,
-           info.cpu_time, info.nr_online_vcpus, info.max_vcpu_id, info.shutdown_reason);
-    printf("state%s%s%s%s%s%s\n", info.dying ? " dying" : "", info.crashed ? " crashed" : "",
-           info.shutdown ? " shutdown" : "", info.paused ? " paused" : "",
-           info.blocked ? " blocked" : "", info.running ? " running" : "");
-    credit_share_t share;
-    if (get_credit_share(handle, info.domid, &share) == 0)
-        printf("credit %u %u\n", share.weight, share.cap);
-}
 
 } // namespace
 
@@ -221,95 +137,29 @@ void record_interfaces()
 
 void record_switch()
 {
-    if (!path_exists("/sys/module/openvswitch_mod") || !path_exists("/usr/bin/ovs-vsctl"))
+    const bool is_old = path_exists("/sys/module/openvswitch_mod");
+    if ((!is_old && !path_exists("/sys/module/openvswitch")) || !path_exists("/usr/bin/ovs-vsctl"))
         return;
-    printf("=== /usr/bin/ovs-vsctl\ncase \"$2\" in\n");
-    for (const std::string &name : list_directory(net_class, "*")) {
-        if (!path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
-            continue;
+    std::string listed(65536, '\0');
+    if (list_switch_bridges(switch_tool_deadline(), listed.data(), listed.size()) != 0)
+        listed.clear();
+    listed.resize(strcspn(listed.c_str(), "'"));
+    printf("=== /usr/bin/ovs-vsctl\ncase \"$1 $2\" in\n\"list-br \") printf %%s '%s';;\n",
+           mask_name(listed).c_str());
+    std::set<std::string> names;
+    for (const std::string &name : list_directory(net_class, "*"))
+        if (is_old && path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
+            names.insert(name);
+    std::istringstream lines{listed};
+    for (std::string name; std::getline(lines, name);)
+        names.insert(name);
+    for (const std::string &name : names) {
         char ports[1024 + 1] = "";
         const int status =
             list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
         ports[strcspn(ports, "'")] = '\0'; // the shell's quote stands in no name
-        printf("%s) printf %%s '%s'; exit %d;;\n", mask_name(name).c_str(),
+        printf("\"list-ports %s\") printf %%s '%s'; exit %d;;\n", mask_name(name).c_str(),
                mask_name(ports).c_str(), status ? 1 : 0);
     }
     printf("*) exit 1;;\nesac\n");
-}
-
-void record_firmware()
-{
-    const unique_fd memory{open("/dev/mem", O_RDONLY | O_CLOEXEC)};
-    if (!memory)
-        return record_failure("=== /dev/mem open=");
-    smbios_entry_point_t smb;
-    off_t offset = 0;
-    errno = find_entry_point(memory.fd, &smb, &offset);
-    if (errno == EINVAL) // a memory where none is found
-        return record_memory(0xFFFFF, reinterpret_cast<const unsigned char *>(""), 1);
-    if (errno)
-        return record_failure("=== /dev/mem read=");
-
-    const int size = smb.anchor_string[0] ? std::max<int>(smb.length, sizeof smb) : 16;
-    unsigned char entry[UINT8_MAX];
-    unsigned char *data = nullptr;
-    const int refused = get_smbios_structures(&smb, &data, nullptr, nullptr);
-    const unique_heap<unsigned char> table{data};
-    // An entry point that leads to no readable table would lead the recorded host astray.
-    if ((refused && refused != EINVAL) || read_devmem(memory.fd, entry, size, offset))
-        return;
-    record_memory(offset, entry, size);
-    if (refused)
-        return;
-    if (masking)
-        mask_table(smb.dmi, table.get());
-    record_memory(smb.dmi.address, table.get(), smb.dmi.length);
-}
-
-void record_controller()
-{
-    const unique_fd device{open("/dev/ipmi0", O_RDWR | O_CLOEXEC)};
-    if (!device)
-        return record_failure("=== /dev/ipmi0 open=");
-    unsigned int address = 0x20; // where the controller sits on its management bus
-    ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
-    printf("=== /dev/ipmi0\n=== [ipmi]\n");
-    record_request(device.fd, {0x06, 0x37}, 1, 16); // Get System GUID
-    for (unsigned char channel = 0; channel < 15; channel++) {
-        const unique_reply info = record_request(device.fd, {0x06, 0x42, channel});
-        if (!info || (info->data[2] != 4 && info->data[2] != 6)) // a LAN's medium
-            continue;
-        // Get LAN Configuration Parameters: hardware address, source of the address, address.
-        record_request(device.fd, {0x0C, 0x02, channel, 5, 0, 0}, 2, 6);
-        record_request(device.fd, {0x0C, 0x02, channel, 4, 0, 0});
-        record_request(device.fd, {0x0C, 0x02, channel, 3, 0, 0}, 2, 4, '.');
-    }
-}
-
-void record_hypervisor()
-{
-    const unique_hypervisor handle = open_hypervisor("record-host");
-    printf("=== [hypervisor]\n");
-    if (!handle)
-        return record_failure("open !");
-    int scheduler = 0;
-    if (get_scheduler(handle.get(), &scheduler) == 0)
-        printf("scheduler %d\n", scheduler);
-    else
-        record_failure("scheduler !");
-    host_t info;
-    if (get_host(handle.get(), &info) != 0)
-        record_failure("physinfo !");
-    printf("threads_per_core %u\ncores_per_socket %u\nnr_cpus %u\nnr_nodes %u\ncpu_khz %u\n"
-           "total_pages %lu\nfree_pages %lu\nscrub_pages %lu\nhw_cap",
-           info.threads_per_core, info.cores_per_socket, info.nr_cpus, info.nr_nodes, info.cpu_khz,
-           info.total_pages, info.free_pages, info.scrub_pages);
-    for (const uint32_t word : info.hw_cap)
-        printf(" %08x", word);
-    domain_t domain;
-    printf("\n");
-    if (get_domain_from(handle.get(), 0, &domain) < 1)
-        record_failure("getinfo !");
-    for_each_domain(handle.get(),
-                    [&](const domain_t &found) { record_domain(handle.get(), found); });
 }

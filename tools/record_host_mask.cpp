@@ -132,3 +132,14 @@ std::string mask_file(const std::string &path, std::string content)
         content = mask_stat(content);
     return mask_text(content);
 }
+
+void mask_bytes(unsigned char *bytes, size_t count, char separator)
+{
+    std::string text;
+    for (size_t i = 0; i < count; i++)
+        text += format(separator == '.' ? "%d." : "%02x:", bytes[i]);
+    text = mask_text(text.substr(0, text.size() - 1));
+    char *at = text.data();
+    for (size_t i = 0; i < count; i++, at++)
+        bytes[i] = static_cast<unsigned char>(strtoul(at, &at, separator == '.' ? 10 : 16));
+}

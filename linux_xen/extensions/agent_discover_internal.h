@@ -15,6 +15,12 @@
 namespace zorvik
 {
 
+/** How much of a structure table there is: the fields of an entry point end at 65,535. */
+struct dmi_extent_t {
+    int length; // in bytes
+    int items;
+};
+
 /** The DMI entry point: part of the SMBIOS one, or alone (legacy). */
 typedef struct __attribute__((packed)) dmi_entry_point_s {
     char anchor_string[5];
@@ -38,6 +44,20 @@ typedef struct __attribute__((packed)) smbios_entry_point_s {
     uint8_t filler[5];
     dmi_entry_point_t dmi;
 } smbios_entry_point_t;
+
+/** The SMBIOS 3.x entry point, "_SM3_", for tables anywhere in memory. */
+typedef struct __attribute__((packed)) smbios3_entry_point_s {
+    char anchor_string[5];
+    uint8_t cksum;
+    uint8_t length;
+    uint8_t major;
+    uint8_t minor;
+    uint8_t docrev;
+    uint8_t revision;
+    uint8_t filler;
+    uint32_t max; // of the whole table, in bytes: it may well be shorter
+    uint64_t address;
+} smbios3_entry_point_t;
 
 typedef struct __attribute__((packed)) dmi_element_s {
     uint8_t type;
@@ -134,6 +154,7 @@ typedef struct __attribute__((packed)) dmi_processor_s {
 } dmi_processor_t;
 
 static_assert(sizeof(dmi_entry_point_t) == 16 && sizeof(smbios_entry_point_t) == 32);
+static_assert(sizeof(smbios3_entry_point_t) == 24);
 static_assert(sizeof(dmi_bios_t) == 18 && sizeof(dmi_system_t) == 25 && sizeof(dmi_module_t) == 15);
 static_assert(sizeof(dmi_chassis_t) == 21 && sizeof(dmi_processor_t) == 42);
 
@@ -147,9 +168,9 @@ struct dmi_structure_t {
     int available;
 };
 
-/** A walk through the table copy of an entry point, from its first structure on. */
+/** A walk through a table copy, from its first structure on. */
 struct dmi_walk_t {
-    const dmi_entry_point_t &dmi;
+    dmi_extent_t dmi;
     unsigned char *table;
     int item = -1; // the number of the current structure
     int index = 0; // where the next one begins
@@ -194,6 +215,28 @@ int find_entry_point(int fd, smbios_entry_point_t *smb, off_t *found);
 int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *retLen,
                           uint32_t *smbBase);
 
+/** The firmware's structure table, with what its entry point says of it. */
+struct firmware_table_t {
+    bool has_smbios; // and not a legacy DMI entry point alone
+    uint8_t major, minor, revision;
+    uint32_t max;         // bytes of the largest structure
+    uint8_t dmi_revision; // a digit in each half
+    dmi_extent_t extent;
+    unique_heap<unsigned char> bytes;
+};
+
+/**
+ * Reads the table from physical memory; where that has none and current sources are asked, from the
+ * kernel's copy. Returns 0, or the error of the last source.
+ */
+int read_firmware_table(firmware_table_t *table);
+
+/**
+ * Reads the table from the files in which the kernel shows it, whatever kind of entry point it has.
+ * A table of 16 MiB or more is refused. Returns 0, EINVAL, ENOMEM or an errno.
+ */
+int read_kernel_table(firmware_table_t *table);
+
 /** The sum of `length` bytes modulo 256; 0 for a valid entry point. */
 uint8_t verify_cksum(const void *buf, int length);
 
@@ -203,7 +246,7 @@ uint8_t verify_cksum(const void *buf, int length);
  * next one begins. Returns the structure's total length in bytes, all of them inside the copy, or 0
  * at the end of the table.
  */
-int iter_dmi_elements(const dmi_entry_point_t *dmi, unsigned char *dmiBuf, int *itemp, int *indexp,
+int iter_dmi_elements(const dmi_extent_t *dmi, unsigned char *dmiBuf, int *itemp, int *indexp,
                       dmi_element_t **element);
 
 /** Steps to the next structure of a walk. Returns false at the end of the table. */

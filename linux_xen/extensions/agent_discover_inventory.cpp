@@ -88,12 +88,12 @@ void send_string(dmi_structure_t &structure, const dmi_child_t &child, int inden
 }
 
 void send_uuid(dmi_structure_t &structure, const dmi_child_t &child, int indent,
-               const smbios_entry_point_t &smb)
+               const firmware_table_t &table)
 {
     const uint8_t *bytes = dmi_field(structure, child.field);
     if (!bytes)
         return;
-    adjust_sys_uuid(reinterpret_cast<dmi_system_t *>(structure.header), smb.major, smb.minor);
+    adjust_sys_uuid(reinterpret_cast<dmi_system_t *>(structure.header), table.major, table.minor);
     const unique_text uuid{BytesToString(bytes, child.field.width)};
     if (uuid)
         conn_send_XML_string(child.element, indent, uuid.get());
@@ -106,13 +106,13 @@ void send_number(dmi_structure_t &structure, const dmi_child_t &child, int inden
 }
 
 void send_child(dmi_structure_t &structure, const dmi_child_t &child, int indent,
-                const smbios_entry_point_t &smb)
+                const firmware_table_t &table)
 {
     switch (child.kind) {
     case CHILD_STRING:
         return send_string(structure, child, indent);
     case CHILD_UUID:
-        return send_uuid(structure, child, indent, smb);
+        return send_uuid(structure, child, indent, table);
     case CHILD_HEIGHT:
         return send_number(structure, child, indent, "U");
     case CHILD_COUNT:
@@ -121,7 +121,7 @@ void send_child(dmi_structure_t &structure, const dmi_child_t &child, int indent
 }
 
 void send_section(dmi_structure_t &structure, const dmi_section_t &section, int item, int indent,
-                  const smbios_entry_point_t &smb)
+                  const firmware_table_t &table)
 {
     debug_at(2, "%% %s:   %s\n", log_name, section.trace);
     if (structure.header->length < section.shortest)
@@ -130,23 +130,22 @@ void send_section(dmi_structure_t &structure, const dmi_section_t &section, int 
                     structure.header->type, item,
                     dmi_number(structure, DMI_FIELD(dmi_element_t, handle)));
     for (const dmi_child_t &child : section.children)
-        send_child(structure, child, indent + 2, smb);
+        send_child(structure, child, indent + 2, table);
     conn_send_end(section.element, indent);
 }
 
-void send_structure(dmi_structure_t &structure, int item, int indent,
-                    const smbios_entry_point_t &smb)
+void send_structure(dmi_structure_t &structure, int item, int indent, const firmware_table_t &table)
 {
     for (const dmi_section_t &section : sections)
         if (section.type == structure.header->type)
-            return send_section(structure, section, item, indent, smb);
+            return send_section(structure, section, item, indent, table);
     if (get_debug_state() >= 4)
         hex_dump(structure.header, structure.total, 0, 1);
 }
 
-void send_structures(unsigned char *table, int indent, const smbios_entry_point_t &smb)
+void send_structures(const firmware_table_t &table, int indent)
 {
-    dmi_walk_t walk = {smb.dmi, table};
+    dmi_walk_t walk = {table.extent, table.bytes.get()};
     dmi_structure_t structure = {};
     while (next_structure(&walk, &structure)) {
         const dmi_element_t &header = *structure.header;
@@ -157,7 +156,7 @@ void send_structures(unsigned char *table, int indent, const smbios_entry_point_
             debug_at(2, "%% %s:   TABLE_END\n", log_name);
             return;
         }
-        send_structure(structure, walk.item, indent, smb);
+        send_structure(structure, walk.item, indent, table);
     }
 }
 
@@ -221,29 +220,28 @@ int dump_dmi_buffer(const unsigned char *binary, int binLen, int indent, char **
 int show_smbios_info(int indent, int dumpDMTF)
 {
     debug_at(1, "%% %s: getting SMBIOS information\n", __func__);
-    smbios_entry_point_t smb;
-    unsigned char *data = nullptr;
-    if (const int status = get_smbios_structures(&smb, &data, nullptr, nullptr))
+    firmware_table_t table = {};
+    if (const int status = read_firmware_table(&table))
         return status;
-    const unique_heap<unsigned char> table{data};
 
     conn_send_start("DMTF", indent);
-    if (smb.anchor_string[0] == '_')
+    if (table.has_smbios)
         conn_send_lines(1024, indent + 2,
                         "<SMBIOS Version=\"%u.%u.%u\">\n"
                         "  <MaxSize>%u</MaxSize>\n"
                         "</SMBIOS>\n",
-                        smb.major, smb.minor, smb.revision, smb.max);
+                        table.major, table.minor, table.revision, table.max);
     conn_send_lines(1024, indent + 2,
                     "<DMI Version=\"%u.%u\">\n"
-                    "  <TableLength>%u</TableLength>\n"
-                    "  <Items>%u</Items>\n",
-                    smb.dmi.revision >> 4, smb.dmi.revision & 0xFU, smb.dmi.length, smb.dmi.items);
+                    "  <TableLength>%d</TableLength>\n"
+                    "  <Items>%d</Items>\n",
+                    table.dmi_revision >> 4, table.dmi_revision & 0xFU, table.extent.length,
+                    table.extent.items);
     // First the dump: the sections rewrite the strings and the UUID inside the table.
     if (dumpDMTF)
-        send_table_dump(table.get(), smb.dmi.length, indent + 4);
+        send_table_dump(table.bytes.get(), table.extent.length, indent + 4);
     conn_send_end("DMI", indent + 2);
-    send_structures(table.get(), indent + 2, smb);
+    send_structures(table, indent + 2);
     conn_send_end("DMTF", indent);
     return 0;
 }

@@ -53,12 +53,10 @@ int generate_fallback_unique_id(uint8_t *uuid, int uuid_len)
 /** Finds the firmware's UUID, in network byte order. Returns whether there is a usable one. */
 bool firmware_unique_id(uint8_t *uuid, int uuid_len)
 {
-    smbios_entry_point_t smb;
-    unsigned char *data = nullptr;
-    if (get_smbios_structures(&smb, &data, nullptr, nullptr) != 0)
+    firmware_table_t table = {};
+    if (read_firmware_table(&table) != 0)
         return false;
-    const unique_heap<unsigned char> table{data};
-    dmi_walk_t walk = {smb.dmi, table.get()};
+    dmi_walk_t walk = {table.extent, table.bytes.get()};
     dmi_structure_t structure = {};
     do {
         if (!next_structure(&walk, &structure))
@@ -68,7 +66,7 @@ bool firmware_unique_id(uint8_t *uuid, int uuid_len)
     const uint8_t *bytes = dmi_field(structure, DMI_FIELD(dmi_system_t, uuid));
     if (!bytes || !is_valid_uuid(bytes, uuid_len))
         return false;
-    adjust_sys_uuid(reinterpret_cast<dmi_system_t *>(structure.header), smb.major, smb.minor);
+    adjust_sys_uuid(reinterpret_cast<dmi_system_t *>(structure.header), table.major, table.minor);
     memcpy(uuid, bytes, static_cast<size_t>(uuid_len));
     return true;
 }

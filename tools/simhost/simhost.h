@@ -14,11 +14,13 @@
  *   [interface NAME]   a network device: hwaddr, address, netmask, broadcast, flags, mtu;
  *                      mii (16 hex words, the registers from 0), mii_phy and mii_N (only to fail),
  *                      mii_first (hex, the first read of register 1); glink, gset (SUPPORTED
- *                      ADVERTISING in hex, SPEED DUPLEX AUTONEG), gwol
+ *                      ADVERTISING in hex, SPEED DUPLEX AUTONEG), glinksettings (the same and the
+ *                      WORDS of a mask; 0: another number each time), gwol
  *   [hypervisor]       physical information by its C names, hw_cap (8 hex words), scheduler ID,
  *                      and open, physinfo and getinfo with !ERRNO; without it, opening fails
- *   [domain ID]        a domain: handle UUID, state WORDS, credit WEIGHT CAP, sedf PERIOD SLICE
- *                      LATENCY EXTRATIME WEIGHT, and the numbers of its record
+ *   [domain ID]        a domain: handle UUID, state WORDS, credit and credit2 WEIGHT CAP, sedf
+ *                      PERIOD SLICE LATENCY EXTRATIME WEIGHT, rtds PERIOD BUDGET, and the numbers
+ *                      of its record
  *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
  *                      or behind "silence", "late", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
  *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
