@@ -52,7 +52,7 @@ def below(heading):
 def table(heading):
     rows = [[cell.strip() for cell in line.strip("|").split(" | ")]
             for line in below(heading).splitlines() if line.startswith("| ")]
-    return "".join(entry(row[0], row[1]) for row in rows[1:])
+    return "".join(entry(row[0], ". Else: ".join(row[1:])) for row in rows[1:])
 
 
 def code(heading):

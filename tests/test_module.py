@@ -27,9 +27,11 @@ def load(host):
 def call(host, function, arguments):
     """Calls a function of the module with the arguments of a line of "calls"."""
     load(host)
+    library = ctypes.CDLL(module.__file__)
+    sources, _, function = function.rpartition(":")
+    ctypes.c_int.in_dll(library, "global_source_state").value = sources == "current"
     if function == "discover_network":
         words = arguments.split(" ")
-        library = ctypes.CDLL(module.__file__)
         for name, value in zip(("OrigIpString", "OrigMaskString"), words[1:]):
             (ctypes.c_char * 64).in_dll(library, name).value = value.encode()
         return module.discover_network(int(words[0]))
@@ -38,6 +40,7 @@ def call(host, function, arguments):
 
 def is_well_formed(function, response):
     """Whether a document is; the network's elements and the status line are no document alone."""
+    function = function.split(":")[-1]
     if function == "status":
         status_line, _, document = response.partition("\n")
         response = document if status_line == "Status: 200 Success" else None
@@ -87,6 +90,7 @@ class ModuleTest(unittest.TestCase):
     maxDiff = None
 
     def tearDown(self):
+        ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), "global_source_state").value = 0
         simhost.simhost_unload()
 
     def test_recorded_documents(self):
@@ -127,9 +131,19 @@ class ModuleTest(unittest.TestCase):
             del watch
         self.assertEqual(nested, [inner] * rounds)
 
+    def test_sources(self):
+        """A call asks what the variable says as it begins, also one within a call."""
+        load("firmware-64")
+        state = ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), "global_source_state")
+        answers = []
+        for state.value in (0, 1, 0, 2, -1):
+            answers.append(module.unique_id()[0])
+        self.assertEqual(answers, [1, 0, 1, 0, 1])
+
     def test_exported_data(self):
         library = ctypes.CDLL(module.__file__)
-        self.assertEqual(ctypes.c_int.in_dll(library, "global_debug_state").value, 0)
+        for name in ("global_debug_state", "global_source_state"):
+            self.assertEqual(ctypes.c_int.in_dll(library, name).value, 0)
         record = (ctypes.c_void_p * 2).in_dll(library, "the_connection")
         for name in ("OrigIpString", "OrigMaskString"):
             self.assertEqual((ctypes.c_char * 64).in_dll(library, name).raw, b"\0" * 64)

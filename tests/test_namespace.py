@@ -7,6 +7,7 @@ import ipaddress
 import json
 import os
 import signal
+import socket
 import subprocess
 import unittest
 import xml.etree.ElementTree as ElementTree
@@ -32,6 +33,10 @@ def document():
     status, response, log = module.discover_network(0)
     assert status == 0
     return ElementTree.fromstring("<all>" + response + "</all>"), log or ""
+
+
+def status(sections):
+    return ElementTree.fromstring(module.status("Option: " + sections)[1].partition("\n")[2])
 
 
 def ports(root, bridge):
@@ -116,8 +121,48 @@ class KernelTest(unittest.TestCase):
         os.symlink(".devices/ovsbr0", NET + "ovsbr0")
         self.assertEqual(ports(document()[0], "ovsbr0"),
                          {("PhyInterface", "eth5"), ("VirtInterface", "vif0.5")})
+        # As it shows itself now: by its module alone.
+        os.rename("/sys/module/openvswitch_mod", "/sys/module/openvswitch")
+        os.remove(NET + "ovsbr0")
+        self.assertEqual(ports(document()[0], "ovsbr0"), set())
+        self.ask_current_sources()
+        self.assertEqual(ports(document()[0], "ovsbr0"),
+                         {("PhyInterface", "eth5"), ("VirtInterface", "vif0.5")})
         run("ovs-vsctl --timeout=20 del-br ovsbr0")
         self.assertEqual(ports(document()[0], "ovsbr0"), set())
+
+    def ask_current_sources(self):
+        state = ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), "global_source_state")
+        state.value = 1
+        self.addCleanup(setattr, state, "value", 0)
+
+    def test_current_sources(self):
+        for command in ("link add eth6 type veth peer eth7", "link set eth6 addrgenmode none up",
+                        "link set eth7 addrgenmode none up", "link add eth10 type bridge"):
+            run("ip " + command)
+        for name in "eth6", "eth10":
+            self.addCleanup(run, "ip link del " + name)
+        with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as packets:
+            packets.bind(("eth6", 0))
+            packets.send(bytes(60))
+        self.assertEqual(len(status("MemoryNetwork").find("Network")), 0)
+        self.ask_current_sources()
+        found = status("MemoryNetwork")
+        for name in "eth6", "eth7":
+            for counter in found.find("Network/Device[@Name='%s']/Statistics" % name):
+                self.assertEqual(counter.text, attribute(name, "statistics/" + counter.tag))
+        self.assertEqual(found.findtext("Network/Device[@Name='eth7']/Statistics/rx_packets"), "1")
+        self.assertNotIn("eth10", [device.get("Name") for device in found.find("Network")])
+        with open("/proc/meminfo") as lines:
+            self.assertEqual(["MemTotal:", found.findtext("Memory/Meminfo/TotalKB"), "kB"],
+                             next(lines).split())
+        # As cards have it: hardware behind them, which no device here has.
+        self.overlay("/sys/class/net", "eth6/device")
+        os.makedirs(NET + "eth10/device")
+        root, log = document()
+        self.assertEqual({device.get("Name"): device.findtext("ETHTOOL/Autonegotiate/Speed")
+                          for device in root.find("Network")}, {"eth6": "10000baseT-FD", "eth10": "Unknown"})
+        self.assertNotIn("link modes", log)
 
     def overlay(self, mount, path):
         run("mount -t tmpfs tmpfs " + mount)
