@@ -3,6 +3,7 @@
 Runs under Python 3 with the simulated host preloaded; RECORD_HOST names the recorder.
 """
 import base64
+import ctypes
 import os
 import re
 import subprocess
@@ -11,6 +12,9 @@ import unittest
 
 import test_module
 import ZorvikDiscoverExtension as module
+
+# Whose replies classic sources miss or take for those of others: so they are recorded.
+LATE = {"damaged-table", "late-reply"}
 
 # A host of a scheduler that the hypervisor's library has no call for any more cannot be recorded.
 HOSTS = set(os.listdir(test_module.HOSTS)) - {"status-sedf"}
@@ -27,8 +31,10 @@ MASKED_STAT = ("(b) h) S 1322 1410 1410 34816 1577 4202496 1891 23012 0 3 6 11 4
 
 
 def documents(path):
+    """What is told with classic sources, and behind it with current ones."""
     test_module.simhost.simhost_load(path.encode())
-    told = [call()[:2] for call in CALLS]
+    sources = ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), "global_source_state")
+    told = [call()[:2] for sources.value in (0, 1) for call in CALLS]
     return [(status, re.sub('LocalTime=".*?"|<StatusDelta.*', "", text or "")) for status, text in told]
 
 
@@ -45,7 +51,8 @@ class RecordHostTest(unittest.TestCase):
         for host in sorted(HOSTS):
             with self.subTest(host):
                 original, copy, _ = self.record(host)
-                self.assertEqual(copy, original)
+                compared = len(CALLS) if host in LATE else None
+                self.assertEqual(copy[:compared], original[:compared])
 
     def test_masks(self):
         original, masked, recording = self.record("rack-server", "--mask")

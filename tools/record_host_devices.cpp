@@ -44,22 +44,25 @@ std::string inet_address(exchange_t &to)
 /** The registers of the PHY that was answered about; the status register is read twice. */
 std::string mii_registers(exchange_t &to)
 {
-    std::string words;
+    std::string words, refused;
     uint16_t first = 0;
     struct mii_ioctl_data data;
     for (int number = -1; number < 16; number++) {
         memcpy(&data, &to.queries.answer.ifr_ifru, sizeof data);
         data.reg_num = static_cast<uint16_t>(number < 0 ? MII_BMSR : number);
         memcpy(&to.queries.answer.ifr_ifru, &data, sizeof data);
-        if (const int error = to.queries.ask_again(SIOCGMIIREG))
-            return format("!%s", error_name(error)); // the module wants all of them
-        memcpy(&data, &to.queries.answer.ifr_ifru, sizeof data);
+        if (const int error = to.queries.ask_again(SIOCGMIIREG)) {
+            refused += format("\nmii_%d !%s", data.reg_num, error_name(error));
+            data.val_out = 0;
+        } else {
+            memcpy(&data, &to.queries.answer.ifr_ifru, sizeof data);
+        }
         if (number < 0)
             first = data.val_out;
         else
             words += format("%04x ", data.val_out);
     }
-    return words + format("\nmii_first %04x", first);
+    return words + format("\nmii_first %04x", first) + refused;
 }
 
 /** The settings in the newer record, for which the size is asked that was answered first. */
