@@ -196,7 +196,7 @@ namespace
 /** Reads the table from physical memory. Returns as get_smbios_structures(). */
 int read_memory_table(firmware_table_t *table)
 {
-    smbios_entry_point_t smb;
+    smbios_entry_point_t smb = {};
     unsigned char *bytes = nullptr;
     if (const int status = get_smbios_structures(&smb, &bytes, nullptr, nullptr))
         return status;

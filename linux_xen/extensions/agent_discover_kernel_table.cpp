@@ -18,7 +18,7 @@ namespace
 
 constexpr char entry_point_file[] = "/sys/firmware/dmi/tables/smbios_entry_point";
 constexpr char table_file[] = "/sys/firmware/dmi/tables/DMI";
-constexpr size_t most_table = 16 * 1024 * 1024;
+constexpr size_t most_table = size_t{16} * 1024 * 1024;
 
 // The steps of read_kernel_table() speak in its name.
 constexpr char log_name[] = "read_kernel_table";
@@ -130,6 +130,12 @@ void count_structures(firmware_table_t *table)
     dmi_structure_t structure = {};
     int largest = 0;
     while (walk.index < table->extent.length && next_structure(&walk, &structure)) {
+        if (structure.header->length < sizeof *structure.header) {
+            error_print("? %s: structure %d has a length of %d\n", log_name, walk.item,
+                        structure.header->length);
+            walk.item--;
+            break;
+        }
         largest = std::max(largest, structure.total);
         if (structure.header->type == DMI_TABLE_END)
             break;

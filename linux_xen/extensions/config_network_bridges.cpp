@@ -25,7 +25,7 @@ namespace
 
 constexpr char switch_tool[] = "/usr/bin/ovs-vsctl";
 constexpr int64_t tool_seconds = 5;
-constexpr size_t most_listing = 1024 * 1024; // characters of the switch's bridges
+constexpr size_t most_listing = size_t{1024} * 1024; // characters of the switch's bridges
 
 // The steps of show_opensw_ifs() speak in its name.
 constexpr char log_name[] = "show_opensw_ifs";

@@ -80,7 +80,7 @@ int read_link_settings(query_socket_t *queries, const char *devName, link_settin
     struct ethtool_link_settings link = {};
     for (int question = 0; question < most_questions; question++) {
         const int words = std::max(-link.link_mode_masks_nwords, 0);
-        uint32_t command[masks + 3 * (INT8_MAX + 1)] = {};
+        uint32_t command[masks + size_t{3} * (INT8_MAX + 1)] = {};
         link = {};
         link.cmd = ETHTOOL_GLINKSETTINGS;
         link.link_mode_masks_nwords = static_cast<int8_t>(std::min(words, INT8_MAX));
