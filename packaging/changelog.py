@@ -7,6 +7,7 @@ RELEASE is what a package's version has behind the project's. The newest section
 """
 import datetime
 import gzip
+import os
 import re
 import sys
 import textwrap
@@ -28,6 +29,7 @@ def main(package, version, release, maintainer, source, target):
         date = datetime.datetime.strptime(day, "%Y-%m-%d").strftime("%a, %d %b %Y 00:00:00 +0000")
         text += "%s (%s%s) unstable; urgency=medium\n\n%s\n\n -- %s  %s\n\n" % (
             package, number, release, items, maintainer, date)
+    os.makedirs(os.path.dirname(target), exist_ok=True)  # Ninja makes the folder of a target, make does not
     with open(target, "wb") as file:
         file.write(gzip.compress(text.encode("utf-8"), mtime=0))
 
