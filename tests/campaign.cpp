@@ -43,6 +43,8 @@ const way_t ways[] = {
     {"xc_domain_getinfo", {ESRCH}},
     {"xc_sched_id", {EPERM}},
     {"xc_sched_credit_domain_get", {ESRCH}},
+    {"xc_sched_credit2_domain_get", {ESRCH}},
+    {"xc_sched_rtds_domain_get", {ESRCH}},
     {"xc_sedf_domain_get", {ESRCH}},
     {"malloc", {ENOMEM}},
 };
@@ -72,6 +74,7 @@ const silence_t silences[] = {
     {"opendir", 0, "/sys/class/fc_host"},
     {"open", 0, "/proc/xen/balloon"},
     {"open", 0, "/proc/meminfo"},
+    {"open", ENOENT, "*/xen_memory0/*"}, // a kernel without the driver
     {"lseek", 0, "/proc/*"},
     {"read", 0, "/proc/xen/balloon"},
     {"read", 0, "/proc/meminfo"},

@@ -32,7 +32,7 @@ struct exchange_t {
         struct ethtool_value value;
         struct ethtool_cmd settings;
         struct ethtool_wolinfo wake;
-        uint32_t room[sizeof(struct ethtool_link_settings) / sizeof(uint32_t) + 3 * 128];
+        uint32_t room[sizeof(struct ethtool_link_settings) / sizeof(uint32_t) + size_t{3} * 128];
     } ethtool;
 };
 

@@ -121,11 +121,10 @@ speed_text_t whole_speed(const link_settings_t &settings)
 {
     const bool is_known = settings.speed != static_cast<uint32_t>(SPEED_UNKNOWN) &&
                           settings.speed != old_unknown_speed;
-    if (!is_known || settings.duplex == DUPLEX_UNKNOWN)
-        return {"Unknown"};
-    speed_text_t speed;
-    snprintf(speed.text, sizeof speed.text, "%ubaseT-%sD", settings.speed,
-             settings.duplex ? "F" : "H");
+    speed_text_t speed = {"Unknown"};
+    if (is_known && settings.duplex != DUPLEX_UNKNOWN)
+        snprintf(speed.text, sizeof speed.text, "%ubaseT-%sD", settings.speed,
+                 settings.duplex ? "F" : "H");
     return speed;
 }
 
