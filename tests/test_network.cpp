@@ -89,6 +89,34 @@ TEST_F(Network, OpenSwitchTool)
     }
 }
 
+TEST_F(Network, ListedSwitchBridgesAreBounded)
+{
+    const std::string host =
+        "=== /sys/module/openvswitch/\n=== /sys/class/net/\n"
+        "=== /usr/bin/ovs-vsctl\n[ $1 = list-br ] || exec seq -f port-%.0f 2\n";
+    const std::string failed = "? show_opensw_ifs: /usr/bin/ovs-vsctl list-br failed\n";
+    const struct {
+        std::string tool, ports, log;
+    } rows[] = {
+        {"echo --help; echo; echo br0; sleep 0.1; printf br1", "|port-1|port-2", ""},
+        {"yes abc", "",
+         "? show_opensw_ifs: /usr/bin/ovs-vsctl list-br writes more than 1048576 bytes\n" + failed},
+        {"echo br0; sleep 30", "",
+         "? show_opensw_ifs: /usr/bin/ovs-vsctl did not end within 5 seconds and was killed\n" +
+             failed},
+        {"echo br0; exit 3", "", failed},
+    };
+    for (const auto &row : rows) {
+        load(host + "exec 2>&-; " + row.tool + "\n");
+        global_source_state = 1;
+        new_conn();
+        EXPECT_EQ(bridge_config(0), 0);
+        EXPECT_EQ(texts("PhyInterface"), row.ports) << row.tool;
+        const size_t mac_lines = logged().find("? ");
+        EXPECT_EQ(mac_lines < logged().size() ? logged().substr(mac_lines) : "", row.log);
+    }
+}
+
 TEST_F(Network, OpenSwitchToolHasFiveSecondsForAllBridges)
 {
     load("=== /sys/module/openvswitch_mod/\n=== /sys/class/net/br0 -> ../../b\n=== /sys/b/bridge/\n"

@@ -283,6 +283,10 @@ void show_listed_bridges(int indent, int64_t deadline)
     char *name = names.get();
     while (char *end = strchr(name, '\n')) {
         *end = '\0';
+        if (now_ms() >= deadline) {
+            error_print("? %s: no time is left for the bridges from '%s' on\n", log_name, name);
+            return;
+        }
         // The tool would take it for an option.
         if (name[0] && name[0] != '-' && show_opensw_ifs(indent, name, deadline) != 0)
             error_print("? %s: the ports of '%s' could not be listed\n", log_name, name);
