@@ -200,13 +200,7 @@ int read_memory_table(firmware_table_t *table)
     unsigned char *bytes = nullptr;
     if (const int status = get_smbios_structures(&smb, &bytes, nullptr, nullptr))
         return status;
-    table->has_smbios = smb.anchor_string[0] == '_';
-    table->major = smb.major;
-    table->minor = smb.minor;
-    table->revision = smb.revision;
-    table->max = smb.max;
-    table->dmi_revision = smb.dmi.revision;
-    table->extent = {smb.dmi.length, smb.dmi.items};
+    take_entry_point(smb, table);
     table->bytes.reset(bytes);
     return 0;
 }
@@ -217,6 +211,17 @@ constexpr source_t<firmware_table_t *> table_sources[] = {
 };
 
 } // namespace
+
+void take_entry_point(const smbios_entry_point_t &smb, firmware_table_t *table)
+{
+    table->has_smbios = smb.anchor_string[0] == '_';
+    table->major = smb.major;
+    table->minor = smb.minor;
+    table->revision = smb.revision;
+    table->max = smb.max;
+    table->dmi_revision = smb.dmi.revision;
+    table->extent = {smb.dmi.length, smb.dmi.items};
+}
 
 int read_firmware_table(firmware_table_t *table)
 {

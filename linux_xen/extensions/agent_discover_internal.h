@@ -219,11 +219,14 @@ int get_smbios_structures(smbios_entry_point_t *smb, unsigned char **data, int *
 struct firmware_table_t {
     bool has_smbios; // and not a legacy DMI entry point alone
     uint8_t major, minor, revision;
-    uint32_t max;         // bytes of the largest structure
+    uint32_t max;         // bytes of the largest structure, told or measured
     uint8_t dmi_revision; // a digit in each half
     dmi_extent_t extent;
     unique_heap<unsigned char> bytes;
 };
+
+/** Puts into `table` what a 32-bit entry point says, or a legacy one alone, with zeros before it. */
+void take_entry_point(const smbios_entry_point_t &smb, firmware_table_t *table);
 
 /**
  * Reads the table from physical memory; where that has none and current sources are asked, from the

@@ -26,7 +26,6 @@ constexpr char log_name[] = "read_kernel_table";
 /** An entry point's bytes; behind them there are zeros. */
 struct entry_bytes_t {
     uint8_t byte[UINT8_MAX + 1];
-    size_t count;
 };
 
 /** What an entry point says of the length of its table, in bytes. */
@@ -49,22 +48,17 @@ announced_t take_smbios3(const entry_bytes_t &entry, firmware_table_t *table)
 
 announced_t take_legacy(const entry_bytes_t &entry, firmware_table_t *table)
 {
-    dmi_entry_point_t dmi;
-    memcpy(&dmi, entry.byte, sizeof dmi);
-    table->dmi_revision = dmi.revision;
-    return {dmi.length, false};
+    smbios_entry_point_t smb = {};
+    memcpy(&smb.dmi, entry.byte, sizeof smb.dmi);
+    take_entry_point(smb, table);
+    return {smb.dmi.length, false};
 }
 
 announced_t take_smbios(const entry_bytes_t &entry, firmware_table_t *table)
 {
     smbios_entry_point_t smb;
     memcpy(&smb, entry.byte, sizeof smb);
-    table->has_smbios = true;
-    table->major = smb.major;
-    table->minor = smb.minor;
-    table->revision = smb.revision;
-    table->max = smb.max;
-    table->dmi_revision = smb.dmi.revision;
+    take_entry_point(smb, table);
     return {smb.dmi.length, false};
 }
 
@@ -103,16 +97,15 @@ int read_entry_point(firmware_table_t *table, announced_t *announced)
         read_up_to(file.fd, reinterpret_cast<char *>(entry.byte), sizeof entry.byte);
     if (count < 0)
         return error_errno(log_name, errno, "unable to read %s", entry_point_file);
-    entry.count = static_cast<size_t>(count);
     const entry_kind_t *kind = find_kind(entry);
     if (!kind) {
         error_print("? %s: no entry point in %s\n", log_name, entry_point_file);
         return EINVAL;
     }
     const size_t length = kind->length_at ? entry.byte[kind->length_at] : kind->shortest;
-    if (length < kind->shortest || entry.count < length) {
-        error_print("? %s: entry point %s of %zu bytes is too short, it says %zu\n", log_name,
-                    kind->anchor, entry.count, length);
+    if (length < kind->shortest || static_cast<size_t>(count) < length) {
+        error_print("? %s: entry point %s of %zd bytes is too short, it says %zu\n", log_name,
+                    kind->anchor, count, length);
         return EINVAL;
     }
     if (verify_cksum(entry.byte, static_cast<int>(length)) != 0) {
