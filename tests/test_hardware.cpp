@@ -5,6 +5,8 @@
 
 #include "agent_discover.h"
 #include "agent_discover_internal.h"
+#include "agent_sources.h"
+#include "agent_text.h"
 #include "config_ipmi.h"
 #include "config_ipmi_internal.h"
 #include "fixture.h"
@@ -80,6 +82,17 @@ TEST_F(Hardware, MessageIdsRunOn)
         EXPECT_EQ(config_show_ipmi(0), 0);
         EXPECT_EQ(next_message_id(), first + 17 * call) << "the GUID and 15 channels";
     }
+}
+
+TEST_F(Hardware, LateRepliesWithoutEnd)
+{
+    simhost::host().sections["ipmi"] = {{"06.42.03", "endless 00 03 04"}};
+    global_source_state = 1;
+    new_conn();
+    const int64_t start = now_ms();
+    EXPECT_EQ(config_show_ipmi(0), 0);
+    EXPECT_LT(now_ms() - start, 1500) << "one of 16 requests waits its second";
+    EXPECT_NE(logged().find("% ipmicmd: no data ready\n? check_channel_type"), std::string::npos);
 }
 
 } // namespace

@@ -97,6 +97,11 @@ int send_request(int fd, const struct ipmi_msg *msg)
     return -1;
 }
 
+void error_no_data()
+{
+    error_print("%% %s: no data ready\n", log_name);
+}
+
 bool wait_for_reply(int fd)
 {
     struct pollfd waiting = {fd, POLLIN, 0};
@@ -108,7 +113,7 @@ bool wait_for_reply(int fd)
         return false;
     }
     if (waiting.revents != POLLIN) {
-        error_print("%% %s: no data ready\n", log_name);
+        error_no_data();
         return false;
     }
     return true;
@@ -172,21 +177,25 @@ bool wait_until(int fd, int64_t deadline)
     if (count < 0 && errno != EINTR)
         error_errno(log_name, errno, "poll failed");
     else if (waiting.revents != POLLIN)
-        error_print("%% %s: no data ready\n", log_name);
+        error_no_data();
     return count > 0 && waiting.revents == POLLIN;
 }
 
-/** Takes the reply to the request `id`; one that comes late for another is dropped. */
+/**
+ * Takes the reply to the request `id`; one that comes late for another is dropped, and with it the
+ * time is up, however many more there are.
+ */
 unique_reply take_own_reply(int fd, int id)
 {
     const int64_t deadline = now_ms() + reply_timeout_ms;
-    while (wait_until(fd, deadline)) {
+    do {
         long answered = 0;
-        unique_reply reply = receive_reply(fd, &answered);
+        unique_reply reply = wait_until(fd, deadline) ? receive_reply(fd, &answered) : nullptr;
         if (!reply || answered == id)
             return reply;
         debug_at(1, "%% %s: reply to request %ld dropped\n", log_name, answered);
-    }
+    } while (now_ms() < deadline);
+    error_no_data();
     return nullptr;
 }
 

@@ -30,12 +30,12 @@ struct exchange_t {
     int interrupted;
     short events;
     int receive_error;
-    bool late;
+    bool late, endless;
 };
 
 exchange_t &exchange()
 {
-    static auto &the_exchange = *new exchange_t{{nullptr, 0, -1, {}}, "", 0, 0, 0, false};
+    static auto &the_exchange = *new exchange_t{{nullptr, 0, -1, {}}, "", 0, 0, 0, false, false};
     return the_exchange;
 }
 
@@ -83,11 +83,13 @@ int send_command(const struct ipmi_req &request)
         earlier() = exchange();
         earlier()->events = POLLIN;
     }
-    exchange() = {request, "", 0, POLLIN, 0, false};
+    exchange() = {request, "", 0, POLLIN, 0, false, false};
     std::istringstream words{reply ? reply : "c1"};
     for (std::string word; words >> word;) {
         if (word == "silence" || word == "late")
             exchange().events = 0, exchange().late = word == "late";
+        else if (word == "endless")
+            exchange().endless = true;
         else if (word == "pollerr")
             exchange().events = POLLIN | POLLERR;
         else if (word.rfind("eintr", 0) == 0)
@@ -107,7 +109,7 @@ int receive_message(struct ipmi_recv *received)
     exchange_t last = exchange();
     if (earlier())
         last = *std::exchange(earlier(), std::nullopt);
-    else
+    else if (!last.endless)
         exchange().events = 0;
     const short events = last.events;
     if (events != POLLIN || last.receive_error)
@@ -115,7 +117,7 @@ int receive_message(struct ipmi_recv *received)
     if (received->addr_len < sizeof(struct ipmi_addr) || received->msg.data_len < last.data.size())
         return fail(EMSGSIZE);
     received->recv_type = IPMI_RESPONSE_RECV_TYPE;
-    received->msgid = last.request.msgid;
+    received->msgid = last.request.msgid - last.endless;
     received->addr_len = last.request.addr_len;
     received->msg.netfn = last.request.msg.netfn | 1;
     received->msg.cmd = last.request.msg.cmd;

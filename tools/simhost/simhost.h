@@ -22,8 +22,9 @@
  *                      PERIOD SLICE LATENCY EXTRATIME WEIGHT, rtds PERIOD BUDGET, and the numbers
  *                      of its record
  *   [ipmi]             what the controller replies to a request NETFN.COMMAND.DATA…, in hex bytes,
- *                      or behind "silence", "late", "eintr", "eintr2", "pollerr", "nosend=ERRNO",
- *                      "norecv=ERRNO" and "empty"; it answers other requests by a code of c1
+ *                      or behind "silence", "late", "endless" (replies to the request before),
+ *                      "eintr", "eintr2", "pollerr", "nosend=ERRNO", "norecv=ERRNO" and "empty"; it
+ *                      answers other requests by a code of c1
  *   [time]             now SECONDS, and step SECONDS: what each time() call adds for the next one
  * The file /usr/bin/ovs-vsctl is a /bin/sh script, which a real child process runs; or what it
  * prints, behind a first line "#output".
