@@ -61,6 +61,15 @@ TEST_F(Record, EscapesTextContent)
     EXPECT_EQ(conn_send_XML_string("A", INT_MAX - 1, "x"), ENOMEM);
 }
 
+TEST_F(Record, EndsTheSourcesOfItsCall)
+{
+    global_source_state = 1;
+    new_conn();
+    EXPECT_TRUE(is_asked(CURRENT));
+    conn_free(&the_connection);
+    EXPECT_FALSE(is_asked(CURRENT)) << "by an exported function outside of a call";
+}
+
 TEST_F(Record, StatusLineComesFirstAndAlone)
 {
     conn_send2("old", 3);

@@ -100,6 +100,7 @@ conn_t *conn_get()
 conn_t conn_take(conn_t *conn)
 {
     response_is_cut = false;
+    end_sources();
     return {string_take(&conn->response, response_length).release(),
             string_take(&conn->logmsg, logmsg_length).release()};
 }

@@ -18,6 +18,11 @@ void begin_sources()
     newest = global_source_state > 0 ? CURRENT : CLASSIC;
 }
 
+void end_sources()
+{
+    newest = CLASSIC;
+}
+
 bool is_asked(source_age age)
 {
     return age <= newest;

@@ -24,10 +24,11 @@ MODULE_EXPORT int global_source_state;
 /** CLASSIC: always asked. CURRENT: asked where the host process wants it. */
 enum source_age : uint8_t { CLASSIC, CURRENT };
 
-/** Fixes what the calling report asks for its whole length. */
+/** Fixes what the calling report asks for its whole length, which the second ends. */
 void begin_sources();
+void end_sources();
 
-/** Whether this call asks sources of that age. */
+/** Whether this call asks sources of that age; outside of a call the classic ones alone are asked. */
 bool is_asked(source_age age);
 
 /** A function that reads a fact and returns 0, or an error where its source does not tell it. */
