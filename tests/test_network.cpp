@@ -89,6 +89,17 @@ TEST_F(Network, OpenSwitchTool)
     }
 }
 
+TEST_F(Network, KeysOfABondBecomeNames)
+{
+    load(bond + "802.3ad info\nLACP rate: slow\n802.3ad: x\n NS IPv6 target/s (xx::xx form): ::\n"
+                "2nd key<&>: 7\n\xe9t\xe9: 8\n");
+    global_source_state = 1;
+    new_conn();
+    ASSERT_EQ(bonding_discover(0), 0);
+    EXPECT_EQ(texts("NS_IPv6_target_s_") + texts("_nd_key___") + texts("_t_"), "|xx form): ::|7|8");
+    EXPECT_EQ(response().find("ad>"), std::string::npos);
+}
+
 TEST_F(Network, ListedSwitchBridgesAreBounded)
 {
     const std::string host =

@@ -78,13 +78,11 @@ bond_line_t parse_bond_line(char *line)
     if (has_prefix(key.get(), "ARP IP target/s"))
         key.get()[sizeof targets - 1] = '\0';
     std::replace(key.get(), key.get() + strlen(key.get()), ' ', '_');
-    if (is_asked(CURRENT))
-        name_key(&key, line);
-    if (!key)
-        return {};
     for (const char *skipped : skipped_keys)
         if (has_prefix(key.get(), skipped))
             return {};
+    if (is_asked(CURRENT))
+        name_key(&key, line + strspn(line, " "));
     return {std::move(key), std::move(value)};
 }
 
