@@ -109,7 +109,10 @@ TEST_F(Network, ListedSwitchBridgesAreBounded)
     const struct {
         std::string tool, ports, log;
     } rows[] = {
-        {"echo --help; echo; echo br0; sleep 0.1; printf br1", "|port-1|port-2", ""},
+        {"echo br0; sleep 0.1; printf br1", "|port-1|port-2|port-1|port-2", ""},
+        {"printf '%s\\n' --help '' a.longest.name1 ..; printf "
+         "'a\\0b\\na<\\na\"\\na&\\na\\tb\\n%01024d' 0",
+         "|port-1|port-2", "? show_opensw_ifs: names listed that no bridge can have: 9\n"},
         {"yes abc", "",
          "? show_opensw_ifs: /usr/bin/ovs-vsctl list-br writes more than 1048576 bytes\n" + failed},
         {"echo br0; sleep 30", "",

@@ -143,12 +143,13 @@ void record_switch()
     const bool is_old = path_exists("/sys/module/openvswitch_mod");
     if ((!is_old && !path_exists("/sys/module/openvswitch")) || !path_exists("/usr/bin/ovs-vsctl"))
         return;
-    std::string listed(65536, '\0');
-    if (list_switch_bridges(switch_tool_deadline(), listed.data(), listed.size()) != 0)
-        listed.clear();
-    listed.resize(strcspn(listed.c_str(), "'"));
-    printf("=== /usr/bin/ovs-vsctl\ncase \"$1 $2\" in\n\"list-br \") printf %%s '%s';;\n",
-           mask_name(listed).c_str());
+    unique_text text;
+    size_t length = 0;
+    const int failed = list_switch_bridges(switch_tool_deadline(), &text, &length);
+    std::string listed = failed ? "" : std::string(text.get(), length);
+    std::erase(listed, '\''); // the shell's quote stands in no name
+    printf("=== /usr/bin/ovs-vsctl\ncase \"$1 $2\" in\n\"list-br \") printf %%s '%s'; exit %d;;\n",
+           mask_name(listed).c_str(), failed ? 1 : 0);
     std::set<std::string> names;
     for (const std::string &name : list_directory(net_class, "*"))
         if (is_old && path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
@@ -160,7 +161,7 @@ void record_switch()
         char ports[1024 + 1] = "";
         const int status =
             list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
-        ports[strcspn(ports, "'")] = '\0'; // the shell's quote stands in no name
+        ports[strcspn(ports, "'")] = '\0';
         printf("\"list-ports %s\") printf %%s '%s'; exit %d;;\n", mask_name(name).c_str(),
                mask_name(ports).c_str(), status ? 1 : 0);
     }

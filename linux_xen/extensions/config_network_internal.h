@@ -67,7 +67,10 @@ int64_t switch_tool_deadline();
  */
 int list_switch_ports(const char *bridge, int64_t deadline, char *text, size_t size);
 
-/** The same for the names of all bridges, to the end of what the tool writes. */
-int list_switch_bridges(int64_t deadline, char *text, size_t size);
+/**
+ * The same for the names of all bridges, a line for each, to the end of what the tool writes: their
+ * text and its length. It has a MiB at the most. Failures are logged.
+ */
+int list_switch_bridges(int64_t deadline, unique_text *names, size_t *length);
 
 } // namespace zorvik
