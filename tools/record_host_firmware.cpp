@@ -13,6 +13,7 @@
 #include "agent_files.h"
 #include "agent_handles.h"
 #include "agent_hypervisor.h"
+#include "agent_sources.h"
 #include "config_ipmi_internal.h"
 
 using namespace zorvik;
@@ -32,7 +33,11 @@ void mask_table(const dmi_extent_t &extent, unsigned char *table)
     constexpr uint8_t oem_strings = 11, first_oem_type = 128;
     dmi_walk_t walk = {extent, table};
     dmi_structure_t structure = {};
+    int walked = 0;
     while (next_structure(&walk, &structure)) {
+        // Behind the end there may be a header that ended the walk, and still is to end it.
+        const bool is_end = structure.header->type == DMI_TABLE_END;
+        walked = walk.index + (is_end ? 0 : static_cast<int>(sizeof(dmi_element_t)));
         const uint8_t type = structure.header->type;
         const bool whole = type == oem_strings || type >= first_oem_type;
         for (unsigned int number = 1; number < 256; number++)
@@ -47,6 +52,7 @@ void mask_table(const dmi_extent_t &extent, unsigned char *table)
         if (type == DMI_SYSTEM && uuid && is_valid_uuid(uuid, sizeof(dmi_system_t::uuid)))
             mask_bytes(uuid, sizeof(dmi_system_t::uuid), ':');
     }
+    std::fill(table + std::min(walked, extent.length), table + extent.length, 'X');
 }
 
 void record_bytes(const std::string &heading, const unsigned char *bytes, int count)
@@ -117,15 +123,28 @@ void record_kernel_table()
 {
     constexpr char folder[] = "/sys/firmware/dmi/tables/";
     firmware_table_t table = {};
-    const unique_fd file = open_file(path_t<64>("%ssmbios_entry_point", folder).text);
+    const std::string entry_file = format("%ssmbios_entry_point", folder);
+    const std::string table_file = format("%sDMI", folder);
+    const unique_fd file = open_file(entry_file.c_str());
+    if (!file && errno == ENOENT) // a kernel without them
+        return;
     unsigned char entry[UINT8_MAX + 1];
     const ssize_t size = file ? read(file.fd, entry, sizeof entry) : 0;
-    if (size <= 0 || read_kernel_table(&table) != 0)
+    if (!file || size < 0)
+        return record_failure(
+            format("=== %s %s=", entry_file.c_str(), file ? "read" : "open").c_str());
+    record_bytes(format("%s hex", entry_file.c_str()), entry, static_cast<int>(size));
+    const int error = read_kernel_table(&table);
+    if (error == EINVAL) // an entry point that leads to none
         return;
+    if (error) {
+        const char *failing = open_file(table_file.c_str()) ? "read" : "open";
+        errno = error;
+        return record_failure(format("=== %s %s=", table_file.c_str(), failing).c_str());
+    }
     if (masking)
         mask_table(table.extent, table.bytes.get());
-    record_bytes(format("%ssmbios_entry_point hex", folder), entry, static_cast<int>(size));
-    record_bytes(format("%sDMI hex", folder), table.bytes.get(), table.extent.length);
+    record_bytes(format("%s hex", table_file.c_str()), table.bytes.get(), table.extent.length);
 }
 
 void record_memory_table()
@@ -173,6 +192,9 @@ void record_controller()
     unsigned int address = 0x20; // where the controller sits on its management bus
     ioctl(device.fd, IPMICTL_SET_MY_ADDRESS_CMD, &address);
     printf("=== /dev/ipmi0\n=== [ipmi]\n");
+    // By current sources, or a late reply would be recorded, and masked, as that of another request.
+    global_source_state = 1;
+    begin_sources();
     record_request(device.fd, {0x06, 0x37}, 1, 16); // Get System GUID
     for (unsigned char channel = 0; channel < 15; channel++) {
         const unique_reply info = record_request(device.fd, {0x06, 0x42, channel});
@@ -183,6 +205,7 @@ void record_controller()
         record_request(device.fd, {0x0C, 0x02, channel, 4, 0, 0});
         record_request(device.fd, {0x0C, 0x02, channel, 3, 0, 0}, 2, 4, '.');
     }
+    end_sources();
 }
 
 void record_hypervisor()
