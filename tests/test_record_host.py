@@ -106,6 +106,20 @@ class RecordHostTest(unittest.TestCase):
                 _, _, recording = self.record(folder, "--mask")
                 self.assertIn(expected, re.sub(r"\n(?=\w\w )", " ", recording))
 
+    def test_switch(self):
+        """A name that the switch lists is no shell's command and no heading of the recording."""
+        names = "a$(exit)", "=== /proc/meminfo", "--help"
+        with open(os.path.join(test_module.HOSTS, "switch-current", "host")) as recorded:
+            text = recorded.read().replace("--help", "\\n".join(names))
+        with tempfile.TemporaryDirectory() as folder:
+            with open(os.path.join(folder, "host"), "w") as host:
+                host.write(text)
+            original, copy, recording = self.record(folder)
+        self.assertEqual(copy, original)
+        for name in names:
+            self.assertIn("\n'list-ports %s')" % name, recording)
+        self.assertNotIn("\n" + names[1], recording)
+
     def test_options(self):
         for options, status, stream, words in (
                 (("-h",), 0, "stdout", "Usage: "), (("-x",), 2, "stderr", "Usage: "),

@@ -138,6 +138,18 @@ void record_interfaces()
     }
 }
 
+/** A shell's command on one line that prints the lines of a text, none of which it looks into. */
+std::string print_command(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\0', '?');
+    std::erase(text, '\''); // stands in no name
+    std::string words;
+    std::istringstream lines{text};
+    for (std::string line; std::getline(lines, line);)
+        words += " '" + mask_name(line) + "'";
+    return words.empty() ? ":" : "printf '%s\\n'" + words;
+}
+
 void record_switch()
 {
     const bool is_old = path_exists("/sys/module/openvswitch_mod");
@@ -146,24 +158,24 @@ void record_switch()
     unique_text text;
     size_t length = 0;
     const int failed = list_switch_bridges(switch_tool_deadline(), &text, &length);
-    std::string listed = failed ? "" : std::string(text.get(), length);
-    std::erase(listed, '\''); // the shell's quote stands in no name
-    printf("=== /usr/bin/ovs-vsctl\ncase \"$1 $2\" in\n\"list-br \") printf %%s '%s'; exit %d;;\n",
-           mask_name(listed).c_str(), failed ? 1 : 0);
+    const std::string listed = failed ? "" : std::string(text.get(), length);
+    printf("=== /usr/bin/ovs-vsctl\ncase \"$1 $2\" in\n'list-br ') %s; exit %d;;\n",
+           print_command(listed).c_str(), failed ? 1 : 0);
     std::set<std::string> names;
     for (const std::string &name : list_directory(net_class, "*"))
         if (is_old && path_exists(path_t<512>("%s%s/bridge", net_class, name.c_str()).text))
             names.insert(name);
     std::istringstream lines{listed};
     for (std::string name; std::getline(lines, name);)
-        names.insert(name);
+        if (name.find_first_of(std::string_view{"'\0", 2}) == name.npos)
+            names.insert(name);
     for (const std::string &name : names) {
         char ports[1024 + 1] = "";
         const int status =
             list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
-        ports[strcspn(ports, "'")] = '\0';
-        printf("\"list-ports %s\") printf %%s '%s'; exit %d;;\n", mask_name(name).c_str(),
-               mask_name(ports).c_str(), status ? 1 : 0);
+        const char *const end = strrchr(ports, '\n'); // behind it nothing is reported
+        printf("'list-ports %s') %s; exit %d;;\n", mask_name(name).c_str(),
+               print_command(std::string(ports, end ? end - ports : 0)).c_str(), status ? 1 : 0);
     }
     printf("*) exit 1;;\nesac\n");
 }
