@@ -92,11 +92,12 @@ TEST_F(Network, OpenSwitchTool)
 TEST_F(Network, KeysOfABondBecomeNames)
 {
     load(bond + "802.3ad info\nLACP rate: slow\n802.3ad: x\n NS IPv6 target/s (xx::xx form): ::\n"
-                "2nd key<&>: 7\n\xe9t\xe9: 8\n");
+                "2nd key<&>: 7\n\xc3\xa9 &: 8\n");
     global_source_state = 1;
     new_conn();
     ASSERT_EQ(bonding_discover(0), 0);
-    EXPECT_EQ(texts("NS_IPv6_target_s_") + texts("_nd_key___") + texts("_t_"), "|xx form): ::|7|8");
+    EXPECT_EQ(texts("NS_IPv6_target_s_") + texts("_nd_key___") + texts("\xc3\xa9__"),
+              "|xx form): ::|7|8");
     EXPECT_EQ(response().find("ad>"), std::string::npos);
 }
 
@@ -111,14 +112,16 @@ TEST_F(Network, ListedSwitchBridgesAreBounded)
     } rows[] = {
         {"echo br0; sleep 0.1; printf br1", "|port-1|port-2|port-1|port-2", ""},
         {"printf '%s\\n' --help '' a.longest.name1 ..; printf "
-         "'a\\0b\\na<\\na\"\\na&\\na\\tb\\n%01024d' 0",
-         "|port-1|port-2", "? show_opensw_ifs: names listed that no bridge can have: 9\n"},
+         "'a\\0b\\na<\\na\"\\na&\\na\\tb\\nbr\\377\\n%01024d' 0",
+         "|port-1|port-2", "? show_opensw_ifs: names listed that no bridge can have: 10\n"},
         {"yes abc", "",
          "? show_opensw_ifs: /usr/bin/ovs-vsctl list-br writes more than 1048576 bytes\n" + failed},
         {"echo br0; sleep 30", "",
          "? show_opensw_ifs: /usr/bin/ovs-vsctl did not end within 5 seconds and was killed\n" +
              failed},
         {"echo br0; exit 3", "", failed},
+        {"yes '' | head -c 1048572; echo br0", "|port-1|port-2",
+         "? show_opensw_ifs: names listed that no bridge can have: 1048572\n"},
     };
     for (const auto &row : rows) {
         load(host + "exec 2>&-; " + row.tool + "\n");

@@ -173,9 +173,11 @@ void record_switch()
         char ports[1024 + 1] = "";
         const int status =
             list_switch_ports(name.c_str(), switch_tool_deadline(), ports, sizeof ports);
-        const char *const end = strrchr(ports, '\n'); // behind it nothing is reported
+        const char *const end = strrchr(ports, '\n');
+        const std::string listed_ports{static_cast<const char *>(ports),
+                                       end ? end : ports}; // behind them nothing is reported
         printf("'list-ports %s') %s; exit %d;;\n", mask_name(name).c_str(),
-               print_command(std::string(ports, end ? end - ports : 0)).c_str(), status ? 1 : 0);
+               print_command(listed_ports).c_str(), status ? 1 : 0);
     }
     printf("*) exit 1;;\nesac\n");
 }

@@ -40,7 +40,7 @@ struct bond_line_t {
 
 bool is_name_character(char character)
 {
-    return isascii(character) && (isalnum(character) || strchr("_-.", character));
+    return !isascii(character) || isalnum(character) || strchr("_-.", character);
 }
 
 /**
@@ -50,15 +50,17 @@ bool is_name_character(char character)
 void name_key(unique_text *key, const char *untrimmed)
 {
     char *text = key->get();
-    const bool starts = isascii(*text) && (isalpha(*text) || *text == '_');
-    if (starts && std::all_of(text, text + strlen(text), is_name_character))
+    const auto starts_name = [](char first) {
+        return !isascii(first) || isalpha(first) || first == '_';
+    };
+    if (starts_name(*text) && std::all_of(text, text + strlen(text), is_name_character))
         return;
     key->reset(strdup(untrimmed));
     text = key->get();
     if (!text)
         return;
     std::replace_if(text, text + strlen(text), std::not_fn(is_name_character), '_');
-    if (!isalpha(*text))
+    if (!starts_name(*text))
         *text = '_';
 }
 

@@ -111,16 +111,16 @@ const switch_module_t *find_switch()
 }
 
 /**
- * Whether a listed name is a bridge's that can be reported: of an interface, which the tool does not
- * take for an option and XML does not take for its own.
+ * Whether a listed name is a bridge's that can be reported: of an interface, in ASCII, which the tool
+ * does not take for an option and XML does not take for its own.
  */
 bool is_bridge_name(std::string_view name)
 {
     constexpr std::string_view refused = "/:\"<&";
     return !name.empty() && name.size() < IFNAMSIZ && name[0] != '-' && name != "." &&
-           name != ".." && std::none_of(name.begin(), name.end(), [&](char character) {
-               return (character >= 0 && character <= ' ') || character == '\x7f' ||
-                      refused.find(character) != refused.npos;
+           name != ".." && std::all_of(name.begin(), name.end(), [&](char character) {
+               return character > ' ' && character < '\x7f' &&
+                      refused.find(character) == refused.npos;
            });
 }
 

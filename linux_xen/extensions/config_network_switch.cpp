@@ -119,9 +119,14 @@ output_state read_whole_output(int64_t deadline, int fd, tool_t *tool, output_t 
     output_state state = OUTPUT_READ;
     for (size_t before = 1; state == OUTPUT_READ && taken->length != before;) {
         before = taken->length;
-        if (before == taken->size - 1)
-            return OUTPUT_FLOOD;
-        state = read_output(deadline, fd, tool, taken);
+        if (before < taken->size - 1) {
+            state = read_output(deadline, fd, tool, taken);
+            continue;
+        }
+        char more[2];
+        output_t beyond = {more, sizeof more};
+        state = read_output(deadline, fd, tool, &beyond);
+        return state == OUTPUT_READ && beyond.length ? OUTPUT_FLOOD : state;
     }
     return state;
 }
