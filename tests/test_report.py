@@ -1,5 +1,6 @@
 """tools/zorvik-report as a person calls it, copied to where it finds the build of RECORD_HOST."""
 import os
+import pty
 import re
 import shutil
 import signal
@@ -91,14 +92,43 @@ class ReportTest(unittest.TestCase):
             os.makedirs(os.path.dirname(module), exist_ok=True)
             open(module, "w").close()
 
-    def test_interrupt(self):
-        """Ctrl-C ends the tool at once and in silence, also while the module waits."""
+    def slow_host(self, script):
+        """A recorded host whose Open vSwitch tool is the script, and a file beside it."""
         with open(os.path.join(TESTS, "hosts", "net-switch", "host"), encoding="utf-8") as recording:
-            slow = recording.read() + "=== /usr/bin/ovs-vsctl\necho called >&2; exec 2>&-; sleep 6\n"
+            slow = recording.read() + "=== /usr/bin/ovs-vsctl\n" + script
         host, kept = (os.path.join(os.path.dirname(self.tool), name) for name in ("slow", "kept"))
         for path, text in (host, slow), (kept, "the last"):
             with open(path, "w", encoding="utf-8") as stream:
                 stream.write(text)
+        return host, kept
+
+    def test_progress(self):
+        """On a terminal a line tells what a report waits for; it ends with the tool, whatever ends that."""
+        host, kept = self.slow_host("exec 2>&-; [ $2 = xapi0 ] || exit 0; sleep 1.4; echo eth7\n")
+        waiting = rb"(\r\x1b\[Kzorvik-report: network: waiting for Open vSwitch \(\d s\))+"
+        for end, status, shown in (None, 0, waiting + rb"\r\x1b\[K"), (signal.SIGKILL, -9, waiting):
+            with self.subTest(end):
+                control, terminal = pty.openpty()
+                with subprocess.Popen([self.tool, "network", "--host", host, "-o", kept], stdout=terminal,
+                                      stderr=terminal, env=dict(os.environ, TERM="xterm")) as tool:
+                    os.close(terminal)
+                    output = b""
+                    while b"1 s)" not in output:
+                        output += os.read(control, 4096)
+                    if end:
+                        tool.send_signal(end)
+                    self.assertEqual(tool.wait(timeout=5), status)
+                    with self.assertRaises(OSError):  # once nobody has the terminal open
+                        while True:
+                            output += os.read(control, 4096)
+                os.close(control)
+                self.assertRegex(output, rb"\A" + shown + rb"\Z")
+        with open(kept, encoding="utf-8") as stream:
+            self.assertIn("<PhyInterface>eth7</PhyInterface>", stream.read())
+
+    def test_interrupt(self):
+        """Ctrl-C ends the tool at once and in silence, also while the module waits."""
+        host, kept = self.slow_host("echo called >&2; exec 2>&-; sleep 6\n")
         for python in self.pythons:
             with self.subTest(python), subprocess.Popen(
                     [self.tool, "network", "--host", host, "-o", kept] + python,

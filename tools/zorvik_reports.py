@@ -11,6 +11,8 @@ import sys
 import time
 import xml.parsers.expat
 
+import zorvik_progress
+
 VERSION = "@PROJECT_VERSION@"  # filled in as the tools are installed
 PACKAGES = {2: "python-zorvik-discover", 3: "python3-zorvik-discover"}
 if VERSION[0] == "@":
@@ -89,9 +91,13 @@ def load_host(recording):
         fail("cannot read %s: %s" % (recording, os.strerror(error)))
 
 
+def variable(module, name):
+    """A variable that the module exports for its host process."""
+    return ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), name)
+
+
 def set_variable(module, name, value):
-    """Sets a variable that the module exports for its host process."""
-    ctypes.c_int.in_dll(ctypes.CDLL(module.__file__), name).value = value
+    variable(module, name).value = value
 
 
 def is_complete(document):
@@ -105,9 +111,11 @@ def is_complete(document):
 def ask(module, name, *given):
     """Asks for a report: of the network with its indent, of the status with its command, or with neither."""
     call, document_of = REPORTS[name]
-    begun = now()
-    status, response, log = call(module, *given)
-    seconds = now() - begun
+    debugs = variable(module, "global_debug_state").value  # its lines tell enough
+    with zorvik_progress.told(None if debugs else name):
+        begun = now()
+        status, response, log = call(module, *given)
+        seconds = now() - begun
     response, log = text_bytes(response), text_bytes(log)
     document = document_of(response)
     return Report(status, response, log, document, document is None or is_complete(document), seconds)
