@@ -70,7 +70,7 @@ def documentation(name):
 def options(command):
     told = subprocess.run([command, "--help"], stdout=subprocess.PIPE, env=dict(os.environ, COLUMNS="500"),
                           universal_newlines=True, check=True).stdout
-    found = re.findall(r"^  (-\S*(?: \S+)*)  +(.*(?:\n    +.*)*)", told, re.MULTILINE)
+    found = re.findall(r"^  (-\S*(?: \S+)*)(?:  +|\n {9,})(.*(?:\n    +.*)*)", told, re.MULTILINE)
     return "".join(entry("`%s`" % name, re.sub(r"\s+", " ", text)) for name, text in found)
 
 

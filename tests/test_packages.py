@@ -86,6 +86,8 @@ class PackagesTest(unittest.TestCase):
         for page in pages:
             text = output("sh", "-c", "man --warnings -l %s 2>&1 >/dev/null" % page, LC_ALL="C.UTF-8", MANROFFSEQ="")
             self.assertEqual(text, "")
+        told = output("man", "-l", os.path.join(self.root, "usr/share/man/man1/zorvik-report.1.gz"), LC_ALL="C.UTF-8")
+        self.assertIn("-o FILE, --output FILE\n", told)
 
     def test_stub(self):
         found = {"PYTHONPATH": self.modules, "MYPY_CACHE_DIR": os.path.join(self.folder.name, "cache")}
