@@ -123,8 +123,12 @@ class ReportTest(unittest.TestCase):
                             output += os.read(control, 4096)
                 os.close(control)
                 self.assertRegex(output, rb"\A" + shown + rb"\Z")
-        with open(kept, encoding="utf-8") as stream:
-            self.assertIn("<PhyInterface>eth7</PhyInterface>", stream.read())
+        ended = subprocess.run([self.tool, "network", "--host", host], capture_output=True,
+                               env=dict(os.environ, TERM="xterm"))
+        self.assertEqual(ended.stderr, b"")
+        with open(kept, "rb") as stream:
+            self.assertEqual(stream.read(), ended.stdout)
+        self.assertIn(b"<PhyInterface>eth7</PhyInterface>", ended.stdout)
 
     def test_interrupt(self):
         """Ctrl-C ends the tool at once and in silence, also while the module waits."""

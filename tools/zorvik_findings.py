@@ -285,7 +285,9 @@ def switch(view):
     found = complaint(view.ask("status", "Option: Bridge_Config")[1], "show_opensw_ifs", view)
     if found and not view.recorded and os.geteuid():
         return lacking("refused", "run as root")
-    return found or WORKS
+    # A bridge of the kernel's that cannot be told ends the list before the switch is asked.
+    kernel = bridges(view)
+    return found or (lacking(kernel.state, "see the bridges") if kernel.lacks else WORKS)
 
 
 def infiniband(view):
