@@ -64,16 +64,17 @@ def list_below(folder, name):
         os.close(listed)
 
 
-def traces(process):
-    """The words of the programs that the watched process has started, then its files, the newest first.
-
-    Of the files, those alone that it has opened since this process was forked off.
-    """
+def programs(process):
+    """The command lines of the programs that the watched process has started, word for word."""
     for task in list_below(process, "task"):
         for child in read_below(process, "task/%s/children" % task).split():
             if int(child) != os.getpid():
                 for word in os.fsdecode(read_below(process, b"../%s/cmdline" % child)).split("\0"):
                     yield word
+
+
+def files(process):
+    """What the watched process has opened since this one was forked off, the newest first."""
     for descriptor in sorted(map(int, list_below(process, "fd")), reverse=True):
         if not is_open(descriptor):
             yield os.readlink("fd/%d" % descriptor, dir_fd=process)
@@ -81,11 +82,12 @@ def traces(process):
 
 def find_source(process):
     """What the watched process waits for, None where that is not known."""
-    with contextlib.suppress(OSError):  # it goes on meanwhile, and closes what was just listed
-        for trace in traces(process):
-            for pattern, source in SOURCES:
-                if re.search(pattern, trace):
-                    return source
+    for traces in programs, files:
+        with contextlib.suppress(OSError):  # it goes on meanwhile, and closes what was just listed
+            for trace in traces(process):
+                for pattern, source in SOURCES:
+                    if re.search(pattern, trace):
+                        return source
     return None
 
 
