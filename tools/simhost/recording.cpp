@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,8 +54,8 @@ node_t *walk(std::string path, bool follow, bool create, std::string *canonical)
         const std::string_view name = std::string_view(path).substr(at, end - at);
         if (name == ".")
             continue;
-        if (node->kind != node_t::directory) {
-            errno = ENOTDIR;
+        if (node->kind != node_t::directory || name.size() > NAME_MAX) {
+            errno = node->kind != node_t::directory ? ENOTDIR : ENAMETOOLONG;
             return nullptr;
         }
         if (name == "..") {
