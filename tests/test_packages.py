@@ -80,6 +80,9 @@ class PackagesTest(unittest.TestCase):
         for options in [[]] + [["--python2"]] * python2:
             self.assertEqual(list(installed.complaints(HOST, self.tool, *options)), [])
 
+    def test_metrics(self):
+        self.assertIn("zorvik_domain_memory_bytes{", output(self.tool, "metrics", "--host", HOST))
+
     def test_manual(self):
         pages = glob.glob(os.path.join(self.root, "usr/share/man/man*/*"))
         self.assertEqual(len(pages), 3)
