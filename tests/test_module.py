@@ -5,18 +5,13 @@ Runs under Python 2.7 and 3 with the simulated host preloaded:
 """
 import ctypes
 import gc
-import glob
-import io
 import os
-import re
-import sys
 import unittest
 import weakref
-import xml.etree.ElementTree as ElementTree
 
+from recorded import HOSTS, document, expected, recorded_calls, root_of, told_to_be_broken
 import ZorvikDiscoverExtension as module
 
-HOSTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "hosts")
 simhost = ctypes.CDLL(None)
 
 
@@ -38,50 +33,6 @@ def call(host, function, arguments):
     return module.status(arguments) if function == "status" else getattr(module, function)()
 
 
-def is_well_formed(function, response):
-    """Whether a document is; the network's elements and the status line are no document alone."""
-    function = function.split(":")[-1]
-    if function == "status":
-        status_line, _, document = response.partition("\n")
-        response = document if status_line == "Status: 200 Success" else None
-    if function == "unique_id" or not response:
-        return True
-    if function == "discover_network":
-        response = "<Root>" + response + "</Root>"
-    if not isinstance(response, bytes):
-        response = response.encode("utf-8", "replace")  # a name may hold any byte
-    try:
-        ElementTree.fromstring(response)
-    except ElementTree.ParseError:
-        return False
-    return True
-
-
-def told_to_be_broken():
-    """The host and the label of each document that the README tells not to be well-formed."""
-    with io.open(os.path.join(HOSTS, "..", "..", "README.md"), encoding="utf-8") as readme:
-        return set(re.findall("^[|] `([a-z-]+)`, `([a-z-]+)` [|]", readme.read(), re.MULTILINE))
-
-
-def expected(path):
-    """A file's text as the interpreter's own str, or None where there is no file."""
-    if not os.path.exists(path):
-        return None
-    with io.open(path, "rb") as stream:
-        text = stream.read()
-    return text if sys.version_info[0] == 2 else text.decode("utf-8", "surrogateescape")
-
-
-def recorded_calls():
-    for path in sorted(glob.glob(os.path.join(HOSTS, "*", "calls"))):
-        with io.open(path, encoding="utf-8") as calls:
-            for line in calls:
-                words = line.rstrip("\n").split(" ", 3) + [""]
-                if len(words) > 3 and not line.startswith("#"):
-                    host = os.path.basename(os.path.dirname(path))
-                    yield host, words[0], int(words[1]), words[2], words[3]
-
-
 class Garbage(object):
     """What only the collector frees, once it refers to itself."""
 
@@ -97,9 +48,10 @@ class ModuleTest(unittest.TestCase):
         broken = set()
         for host, label, status, function, arguments in recorded_calls():
             result = call(host, function, arguments)
-            base = os.path.join(HOSTS, host, label)
-            self.assertEqual(result, (status, expected(base + ".out"), expected(base + ".log")), base)
-            if not is_well_formed(function, result[1]):
+            self.assertEqual(result, (status, expected(host, label, "out"), expected(host, label, "log")),
+                             (host, label))
+            text = document(function, result[1])
+            if text and root_of(text) is None:
                 broken.add((host, label))
         self.assertEqual(broken, told_to_be_broken())
 
