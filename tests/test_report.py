@@ -1,4 +1,5 @@
 """tools/zorvik-report as a person calls it, copied to where it finds the build of RECORD_HOST."""
+import json
 import os
 import pty
 import re
@@ -80,6 +81,30 @@ class ReportTest(unittest.TestCase):
                     ended = subprocess.run(["sh", "-c", '"$@" ' + words, "sh", self.tool] + CUT + python,
                                            text=True, capture_output=True, cwd=os.path.dirname(self.tool))
                     self.assertEqual(ended.stderr, error)
+
+    def test_json(self):
+        for arguments, status, document in (
+                (RACK + ["unique-id"], 0, "0f:1c:2b:3a:4d:5e:6f:70:81:92:02:16:3e:5a:01:ff"),
+                (RACK + ["status", "CPU; Memory"], 22, None), (CUT + ["hardware"], 0, None)):
+            ended = subprocess.run([self.tool, "--format", "json"] + arguments, text=True, capture_output=True)
+            told = json.loads(ended.stdout)
+            self.assertEqual((ended.returncode, told["status"], told["document"]), (status, status, document))
+            self.assertEqual(ended.stderr, "")
+        self.assertIn(INCOMPLETE, told["log"][-1])
+
+    @unittest.skipUnless(shutil.which("ansible", path="/usr/bin"), "no ansible on this machine")
+    def test_ansible_fact(self):
+        with tempfile.TemporaryDirectory() as folder:  # no blank in its name
+            shutil.copy(os.path.join(os.path.dirname(TESTS), "share", "zorvik", "zorvik.fact"), folder)
+            os.symlink(self.tool, folder + "/tool")
+            ended = subprocess.run(
+                ["/usr/bin/ansible", "localhost", "-c", "local", "-m", "setup", "-a",
+                 "filter=ansible_local fact_path=" + folder], text=True, capture_output=True,
+                env=dict(os.environ, HOME=folder, ZORVIK_REPORT=" ".join([folder + "/tool"] + RACK)))
+        self.assertEqual(ended.returncode, 0, ended.stdout + ended.stderr)
+        facts = json.loads(ended.stdout.partition("=>")[2])["ansible_facts"]["ansible_local"]["zorvik"]
+        self.assertEqual(facts["status"]["document"]["CPUTime"]["Rate"], 100)
+        self.assertEqual(facts["unique_id"]["status"], 0)
 
     def test_without_module(self):
         build = os.path.join(os.path.dirname(os.path.dirname(self.tool)), "build")

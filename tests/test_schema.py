@@ -4,6 +4,7 @@ xmllint reads the form made from the schemas (in the folder SCHEMAS), jing their
 """
 import collections
 import copy
+import json
 import os
 import re
 import subprocess
@@ -16,6 +17,8 @@ from recorded import document, expected, recorded_calls, root_of
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "tools"))
+import zorvik_json
+import zorvik_reports
 import zorvik_schema
 
 MADE = os.path.join(os.path.abspath(os.environ["SCHEMAS"]), "%s.rng")
@@ -132,6 +135,37 @@ class SchemaTest(unittest.TestCase):
             for wrong, path, *_ in set(documents) - by_xmllint:
                 accepted[wrong].add("/".join(path.split("/")[-2:]))
         self.assertEqual(accepted, accepted_changes())
+
+    def test_json(self):
+        """A path has one kind of value in all documents, and none of their texts is lost."""
+        kinds, leaves = collections.defaultdict(set), []
+
+        def walk(value, path):
+            kinds[path].add(type(value))
+            for key in value if isinstance(value, dict) else ():
+                walk(value[key], path + "/" + key)
+            for item in value if isinstance(value, list) else ():
+                walk(item, path + "[]")
+            if not isinstance(value, (dict, list)):
+                leaves.append(str(value).strip())
+
+        zorvik_json.SCHEMAS = os.environ["SCHEMAS"]
+        for schema, texts in recorded_documents().items():
+            for name, text in texts.items():
+                report = zorvik_reports.Report(0, b"", b"", text, True, 0)
+                told = json.loads(zorvik_json.write_json(schema, report, b"a\n\xff\x1b"))
+                self.assertEqual(told["log"], ["a", "\\xff\x1b"])
+                leaves.clear()
+                walk(told["document"], schema)
+                words = {"".join(element.itertext()).strip() for element in ElementTree.fromstring(text).iter()
+                         if not len(element) and element.tag != "ChildSystemTime"}
+                self.assertLessEqual(words - {""}, set(leaves), name)
+        self.assertEqual({path for path in kinds if len(kinds[path]) > 1}, set())
+        for path, kind in (("network/Network/Device[]/SysFS/mtu", list),
+                           ("status/Domains/Domain[]/@Id", int),
+                           ("status/Processes/Process[]/RUsage/ChildSystemTime", int),
+                           ("hardware/NodeInformation/DMTF/System[]/SerialNumber", str)):
+            self.assertEqual(kinds[path], {kind}, path)
 
 
 if __name__ == "__main__":

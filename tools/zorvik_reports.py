@@ -19,11 +19,13 @@ if VERSION[0] == "@":
     ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))  # the checkout
     MODULES = os.path.join(ROOT, "build", "python%d" % sys.version_info[0])
     SIMHOST = os.path.join(ROOT, "build", "tools", "simhost", "libsimhost.so")
+    SCHEMAS = os.path.join(ROOT, "build", "share", "zorvik")
 else:
     ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))  # the prefix
     MODULES = os.path.join(ROOT, "lib", "python2.7" if sys.version_info[0] == 2 else "python3",
                            "dist-packages")
     SIMHOST = os.path.join(ROOT, "lib", "zorvik-discover", "replay", "libsimhost.so")
+    SCHEMAS = os.path.dirname(os.path.realpath(__file__))
 
 # What the module answered, as bytes. The document is XML with one root, None where the answer is no
 # document by its nature: an identifier, a command that is not understood. It is complete where it is
