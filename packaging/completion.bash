@@ -8,6 +8,9 @@ _zorvik_discover() {
     --debug)
         words="0 1 2 3 4"
         ;;
+    --format)
+        words="xml json"
+        ;;
     *)
         help=$("$1" --help 2>/dev/null) || return
         if [[ $word == -* ]]; then

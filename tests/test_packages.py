@@ -20,6 +20,7 @@ text: str = response or log or ""
 COMPLETIONS = (
     (["zorvik-report", "n"], ["network"]),
     (["zorvik-report", "status", "S"], ["Scheduler", "SCSI"]),
+    (["zorvik-report", "--format", "j"], ["json"]),
     (["zorvik-report", "--debug", ""], ["0", "1", "2", "3", "4"]),
     (["record-host", "--"], ["--mask"]),
 )
