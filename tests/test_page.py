@@ -12,22 +12,12 @@ HOSTS = os.path.join(test_report.TESTS, "hosts")
 TABLES = ("devices", "bonds", "bridges", "memory", "processors", "domains", "shares", "fibre", "controller",
           "inventory")
 EMPTY = {"area", "base", "br", "col", "hr", "img", "input", "link", "meta", "source", "wbr"}
-# Names and values that want to be more than text, in the page or in the picture.
-HOSTILE = rb"""=== /proc/net/dev
-Inter-|   Receive
- face |bytes
-{a\Nb;[i: 0 0
-    e\xff"]: 0 0
-    &amp;x: 0 0
-=== /sys/class/net/{a\Nb;[i/carrier
-0
-=== /sys/class/net/{a\Nb;[i/ifalias
-=== [interface {a\Nb;[i]
-hwaddr 00:00:5e:00:53:01
-flags 0x1003
-=== /proc/net/bonding/eth9
-MII Status: <script src="http://192.0.2.1/">
-""".replace(rb"\xff", b"\xff")
+# Names that want to be more than text, in the page or in the picture, and a byte that is no UTF-8.
+NAMES = rb"&lt;b&quot;\N &amp;amp; \l];{x|[i e\xff'\ ".replace(rb"\xff", b"\xff").split()
+HOSTILE = b"=== /proc/net/dev\nInter-|\n face |\n" + b"".join(b"%s: 0 0\n" % name for name in NAMES) + b"".join(
+    b"=== /sys/class/net/%s -> ../../devices/pci0/net/%s\n=== /sys/class/net/%s/device -> ../../../pci0\n"
+    b"=== /sys/class/net/%s/carrier\n0\n=== [interface %s]\nhwaddr 00:00:5e:00:53:01\nflags 0x1003\n"
+    % ((name,) * 5) for name in NAMES)
 DOMAIN = """=== [domain {id}]
 handle {id:08x}-0000-4000-8000-00000000c0de
 nr_pages {pages}

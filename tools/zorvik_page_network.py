@@ -45,8 +45,11 @@ class Graph:
         joined = {name for edge in self.edges for name in edge}
         alone = [ids[name] for name in self.nodes if name not in joined]
         # Wider where many lines leave a bridge, or they would run into one another.
-        lines = [HEAD, "ranksep=%.1f;" % (0.7 + min(len(self.edges), 150) / 50)]
-        for name, (kind, note, down) in self.nodes.items():
+        lines = [HEAD, "ranksep=%.1f;" % (0.7 + min(len(self.edges), 150) / 120)]
+        rows = {node: place // ROW for place, node in enumerate(alone)}
+        # Of those, what is told of last is drawn on top.
+        for name in sorted(self.nodes, key=lambda name: -rows.get(ids[name], 0)):
+            kind, note, down = self.nodes[name]
             lines.append('%s [label=%s, class="%s%s"];' % (ids[name], quoted(name[1], note), kind, " down" * down))
         for kind, rank in ("card", "min"), ("domain", "max"):
             alike = [ids[name] for name, (found, _, _) in self.nodes.items() if found == kind and name in joined]
