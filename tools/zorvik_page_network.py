@@ -2,6 +2,7 @@
 import re
 import shutil
 import subprocess
+import tempfile
 import xml.etree.ElementTree
 
 from zorvik_page_facts import BAD_STATES, LINK_STATES, by_name, link_up, natural, speed, told
@@ -47,8 +48,8 @@ class Graph:
         # Wider where many lines leave a bridge, or they would run into one another.
         lines = [HEAD, "ranksep=%.1f;" % (0.7 + min(len(self.edges), 150) / 120)]
         rows = {node: place // ROW for place, node in enumerate(alone)}
-        # Of those, what is told of last is drawn on top.
-        for name in sorted(self.nodes, key=lambda name: -rows.get(ids[name], 0)):
+        # What is told of last is drawn on top.
+        for name in sorted(self.nodes, key=lambda name: -rows.get(ids[name], -1)):
             kind, note, down = self.nodes[name]
             lines.append('%s [label=%s, class="%s%s"];' % (ids[name], quoted(name[1], note), kind, " down" * down))
         for kind, rank in ("card", "min"), ("domain", "max"):
@@ -142,10 +143,15 @@ def draw(network, status):
     if dot is None:
         return None, "no picture of the network: it takes the package graphviz, which is not installed"
     try:
-        drawn = subprocess.run([dot, "-Tsvg"], input=made.text().encode("utf-8", "replace"), stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL, timeout=SECONDS, check=True)
+        with tempfile.TemporaryFile() as text:  # no pipe: one that is not read to its end would end this process
+            text.write(made.text().encode("utf-8", "replace"))
+            text.seek(0)
+            drawn = subprocess.run([dot, "-Tsvg"], stdin=text, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                   timeout=SECONDS, check=True)
         return described(drawn.stdout), None
     except subprocess.TimeoutExpired:
         return None, "no picture of the network: Graphviz took longer than %d seconds" % SECONDS
     except (OSError, subprocess.CalledProcessError, xml.etree.ElementTree.ParseError) as error:
-        return None, "no picture of the network: Graphviz failed: %s" % error
+        reason = getattr(error, "returncode", None)
+        return None, "no picture of the network: Graphviz failed: %s" % (
+            error if reason is None else "it ended with %d" % reason)
