@@ -84,6 +84,9 @@ class PackagesTest(unittest.TestCase):
     def test_metrics(self):
         self.assertIn("zorvik_domain_memory_bytes{", output(self.tool, "metrics", "--host", HOST))
 
+    def test_page(self):
+        self.assertIn("<svg", output(self.tool, "page", "--host", HOST))
+
     def test_manual(self):
         pages = glob.glob(os.path.join(self.root, "usr/share/man/man*/*"))
         self.assertEqual(len(pages), 3)

@@ -10,8 +10,6 @@ examples:
 import collections
 import os
 
-import zorvik_page_facts
-import zorvik_page_network
 import zorvik_reports
 from zorvik_reports import fail
 
@@ -38,10 +36,13 @@ def template():
 
 def run(module, arguments):
     page = template()  # first: nobody waits for a report in vain
+    import zorvik_page_facts  # and the picture: no plain report waits for what they take
+    import zorvik_page_network
+    from zorvik_metrics_series import readable
     answers = {name: zorvik_reports.ask(module, name, *given) for name, given in REPORTS}
     told = [Told(name, answer.complete and answer.status == 0, answer.status,
-                 zorvik_page_facts.readable(answer.log).splitlines()) for name, answer in answers.items()]
-    identifier = zorvik_page_facts.readable(answers["unique-id"].response).strip()
+                 readable(answer.log).splitlines()) for name, answer in answers.items()]
+    identifier = readable(answers["unique-id"].response).strip()
     hardware, network, status = (zorvik_page_facts.read(answers[name].document)
                                  for name in ("hardware", "network", "status"))
     picture, trouble = zorvik_page_network.draw(network, status)

@@ -3,26 +3,17 @@ import collections
 import re
 import xml.etree.ElementTree
 
+from zorvik_metrics_series import (DOMAIN_STATES, LINK_STATES, LINKS, MEGABIT, NO_STATISTICS, WORD, number, readable,
+                                   speed_of)
+
 # Columns are pairs of a heading and whether numbers stand below it; a row has a cell for each.
 Table = collections.namedtuple("Table", "name caption columns rows")
 # A text, whether it is bad news, and the part of 100 that a bar beside it shows, None for no bar.
 Cell = collections.namedtuple("Cell", "text bad share", defaults=(False, None))
 
 MIB = 1024  # in KB
-PAGE_KB, WORD = 4, 4
-NO_STATISTICS = 2**64 - 1  # of a Fibre Channel driver without them
-DOMAIN_STATES = ("Running", "Blocked", "Paused", "Ready", "Shutdown", "Crashed", "Dying")
+PAGE_KB = 4
 BAD_STATES = ("Shutdown", "Crashed", "Dying")
-LINK_STATES = {
-    "ok": True, "none": False,  # MII and ethtool
-    "1": True, "0": False, "up": True, "down": False, "lowerlayerdown": False, "dormant": False,
-    "notpresent": False,  # sysfs, bonds
-    "ACTIVE": True, "ARMED": False, "INIT": False, "DOWN": False,  # InfiniBand
-}
-# Where a device tells of its link, and of its speed: the first one that does counts.
-LINKS = ("MII/Link", "ETHTOOL/Link", "SysFS/carrier", "SysFS/operstate", "SysFSDev/state")
-SPEEDS = ("SysFS/speed", "MII/Autonegotiate/Speed", "ETHTOOL/Autonegotiate/Speed")
-UNKNOWN_SPEEDS = (0, 65535, 2**32 - 1)
 # Of the machine: what it is called, and where the hardware document has it.
 MACHINE = (
     ("Manufacturer", ".//DMTF/System/Manufacturer"), ("Product", ".//DMTF/System/ProductName"),
@@ -35,11 +26,6 @@ MACHINE = (
 )
 PROCESSOR = (("Model", "model_name"), ("Vendor", "vendor_id"), ("Family", "cpu_family"), ("Model number", "model"),
              ("Stepping", "stepping"), ("Microcode", "microcode"), ("Cache", "cache_size"))
-
-
-def readable(text):
-    """A text of the host, in which a byte that is no UTF-8 is told: \\xff."""
-    return text.decode("utf-8", "backslashreplace")
 
 
 def begun(text):
@@ -70,12 +56,6 @@ def read(document):
             whole.append(begun(section.group().replace("<Root>", "", 1)))
         return whole
     return root
-
-
-def number(text):
-    """The number that a text is, None where it is none, or one that no counter holds."""
-    found = re.fullmatch(r"\s*(?:0x([0-9a-fA-F]{1,16})|([0-9]{1,20}))\s*", text or "", re.ASCII)
-    return int(found.group(1), 16) if found and found.group(1) else found and int(found.group(2))
 
 
 def natural(text):
@@ -118,17 +98,20 @@ def link_up(device):
 
 
 def speed(device):
-    """The speed of a device as a text, of one that has a link."""
-    for path in SPEEDS:
-        digits = re.match("[0-9]{1,10}", told(device, path))
-        if digits and int(digits.group()) not in UNKNOWN_SPEEDS:
-            megabits = int(digits.group())
-            return "%g Gb/s" % (megabits / 1000) if megabits >= 1000 else "%d Mb/s" % megabits
-    return told(device, "SysFSDev/rate")
+    """The speed of a device's link as a text."""
+    rate = speed_of(device)
+    if not rate:
+        return ""
+    megabits = rate / MEGABIT
+    return "%g Gb/s" % (megabits / 1000) if megabits >= 1000 else "%g Mb/s" % megabits
+
+
+def is_down(up):
+    return up is not None and not up
 
 
 def link_cell(up):
-    return Cell({True: "up", False: "down", None: "not told"}[up], up is False)
+    return Cell("not told" if up is None else "up" if up else "down", is_down(up))
 
 
 def address(device):

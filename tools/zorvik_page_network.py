@@ -5,7 +5,8 @@ import subprocess
 import tempfile
 import xml.etree.ElementTree
 
-from zorvik_page_facts import BAD_STATES, LINK_STATES, by_name, link_up, natural, speed, told
+from zorvik_metrics_series import LINK_STATES
+from zorvik_page_facts import BAD_STATES, by_name, is_down, link_up, natural, speed, told
 
 SECONDS = 30  # that drawing may take
 LONGEST = 48  # characters of a name in the picture
@@ -63,7 +64,7 @@ class Graph:
 
 
 def state_note(up, text=""):
-    return "down" if up is False else ", ".join(part for part in ("up" * (up is True), text) if part)
+    return "down" if is_down(up) else ", ".join(part for part in ("up" if up else "", text) if part)
 
 
 def graph(network, status):
@@ -88,19 +89,19 @@ def graph(network, status):
         if name not in bonds and name not in bridges:
             vlan = told(one, "Vlanid")
             kind = "virtual" if VIRTUAL.fullmatch(name) else "vlan" if vlan else "card"
-            made.add(device(name), kind, state_note(up, "VLAN " + vlan if vlan else speed(one)), up is False)
+            made.add(device(name), kind, state_note(up, "VLAN " + vlan if vlan else speed(one)), is_down(up))
     for name, bond in bonds.items():
         up = LINK_STATES.get(told(bond, "MII_Status"))
-        made.add(device(name), "bond", state_note(up, told(bond, "Bonding_Mode")), up is False)
+        made.add(device(name), "bond", state_note(up, told(bond, "Bonding_Mode")), is_down(up))
         for slave in by_name(bond.iterfind("Slave_Interface")):
             below = LINK_STATES.get(told(slave, "MII_Status"))
-            made.add(device(slave.get("Name", "")), "card", state_note(below), below is False)
-            made.join(device(slave.get("Name", "")), device(name), below is False)
+            made.add(device(slave.get("Name", "")), "card", state_note(below), is_down(below))
+            made.join(device(slave.get("Name", "")), device(name), is_down(below))
     for name in bridges:
         made.add(device(name), "bridge", "bridge")
     for name, one in found.items():
         if told(one, "Basename"):
-            made.join(add_port(told(one, "Basename")), device(name), link_up(one) is False)
+            made.join(add_port(told(one, "Basename")), device(name), is_down(link_up(one)))
     for name, bridge in bridges.items():
         for port in bridge.iterfind("Interfaces/PhyInterface"):
             made.join(add_port(told(port, ".")), device(name), made.nodes[device(told(port, "."))][2])
