@@ -11,22 +11,23 @@ import test_report
 HOSTS = os.path.join(test_report.TESTS, "hosts")
 TABLES = ("devices", "bonds", "bridges", "memory", "processors", "domains", "shares", "fibre", "controller",
           "inventory")
-# A recorded host, and what its page has.
-FACTS = (
-    ("rack-server", ("eth0 up, 1 Gb/s", "bond0 up, active-backup", "xenbr0 bridge", "Domain 7",
-                     "Northwind & Sons Firmware", "Control domain 2,048 MiB", "blocked, paused 1,024 MiB", "3 418.7 GiB 10.0 GiB",
-                     "3 512 150 50.0 %", "10.200.0.21")),
-    ("no-hypervisor", ("hardware is not complete", "unable to get hypervisor handle")),
-    ("current-server", ("network is not complete", "eth1 down", "eth0 up, 100 Gb/s", "xenbr0 bridge", "bond0 up")),
-    ("status-cut", ("status is not complete", "Left for new domains, MiB 0 Processes 1 in state S")),
-    ("net-infiniband", ("ib1 down", "ib0 up, 40 Gb/s")),
-)
 # Names that want to be more than text, in the page or in the picture, and a byte that is no UTF-8.
 NAMES = rb"&lt;b&quot;\N &amp;amp; \l];{x|[i e\xff'\ ".replace(rb"\xff", b"\xff").split()
 HOSTILE = b"=== /proc/net/dev\nInter-|\n face |\n" + b"".join(b"%s: 0 0\n" % name for name in NAMES) + b"".join(
     b"=== /sys/class/net/%s -> ../../devices/pci0/net/%s\n=== /sys/class/net/%s/device -> ../../../pci0\n"
     b"=== /sys/class/net/%s/carrier\n0\n=== [interface %s]\nhwaddr 00:00:5e:00:53:01\nflags 0x1003\n"
     % ((name,) * 5) for name in NAMES)
+# A recorded host, and what its page has.
+FACTS = (
+    ("rack-server", ("eth0 up, 1 Gb/s", "bond0 up, active-backup", "xenbr0 bridge", "Domain 7",
+                     "Northwind & Sons Firmware", "Control domain 2,048 MiB", "blocked, paused 1,024 MiB",
+                     "3 418.7 GiB 10.0 GiB", "3 512 150 50.0 %", "10.200.0.21")),
+    ("no-hypervisor", ("hardware is not complete", "unable to get hypervisor handle")),
+    ("current-server", ("network is not complete", "eth1 down", "eth0 up, 100 Gb/s", "xenbr0 bridge", "bond0 up")),
+    ("status-cut", ("status is not complete", "Left for new domains, MiB 0 Processes 1 in state S")),
+    ("net-infiniband", ("ib1 down", "ib0 up, 40 Gb/s")),
+    (HOSTILE, (r"""&amp; down <b"\N down \l];{x|[i down e\xff'\ down""",)),
+)
 DOMAIN = """=== [domain {id}]
 handle {id:08x}-0000-4000-8000-00000000c0de
 nr_pages {pages}
