@@ -26,6 +26,7 @@ FACTS = (
     ("current-server", ("network is not complete", "eth1 down", "eth0 up, 100 Gb/s", "xenbr0 bridge", "bond0 up")),
     ("status-cut", ("status is not complete", "Left for new domains, MiB 0 Processes 1 in state S")),
     ("net-infiniband", ("ib1 down", "ib0 up, 40 Gb/s")),
+    ("memory-ends", ("to the domains eth0 From the left",)),  # a single one, joined to nothing
     (HOSTILE, (r"""&amp; down <b"\N down \l];{x|[i down e\xff'\ down""",)),
 )
 DOMAIN = """=== [domain {id}]

@@ -59,7 +59,8 @@ class Graph:
         for (left, right), down in self.edges.items():
             lines.append('%s -> %s [class="%s"];' % (ids[left], ids[right], "down" if down else ""))
         for begin in range(0, len(alone), ROW):
-            lines.append(" -> ".join(alone[begin:begin + ROW]) + " [style=invis];")
+            row = alone[begin:begin + ROW]
+            lines += [" -> ".join(row) + " [style=invis];"] * (len(row) > 1)  # else it would be of the node
         return "\n".join(lines) + "\n}\n"
 
 
