@@ -94,7 +94,7 @@ class PackagesTest(unittest.TestCase):
             text = output("sh", "-c", "man --warnings -l %s 2>&1 >/dev/null" % page, LC_ALL="C.UTF-8", MANROFFSEQ="")
             self.assertEqual(text, "")
         told = output("man", "-l", os.path.join(self.root, "usr/share/man/man1/zorvik-report.1.gz"), LC_ALL="C.UTF-8")
-        self.assertIn("-o FILE, --output FILE\n", told)
+        self.assertRegex(told, r"-o(?: FILE)?, --output FILE\n")  # Python 3.13 names the file once
 
     def test_stub(self):
         found = {"PYTHONPATH": self.modules, "MYPY_CACHE_DIR": os.path.join(self.folder.name, "cache")}
