@@ -1,6 +1,8 @@
 #include "fault_plan.h"
 
 #include <cerrno>
+#include <execinfo.h>
+#include <optional>
 
 #include "simhost/simhost.h"
 
@@ -11,10 +13,11 @@ namespace
 
 /** Never destroyed: calls come after the last destructor. */
 struct plan_t {
-    std::string call;
-    int first, error, times;
+    std::vector<fault_t> faults;
+    std::vector<std::optional<std::string>> failed_paths; // of each fault
     std::map<std::string, int> counts;
-    std::string failed_path;
+    bool is_noting;
+    std::vector<noted_call_t> noted;
 };
 
 plan_t &the_plan()
@@ -23,29 +26,71 @@ plan_t &the_plan()
     return plan;
 }
 
+/** The functions that a call is made from, as a number. */
+size_t caller_site()
+{
+    void *frames[24];
+    const int count = backtrace(frames, static_cast<int>(std::size(frames)));
+    size_t site = 0;
+    for (int i = 2; i < count; i++)
+        site = site * 31 + reinterpret_cast<size_t>(frames[i]);
+    return site;
+}
+
 outcome decide(const char *call, const std::string &path)
 {
     plan_t &plan = the_plan();
     const int count = ++plan.counts[call];
-    if (plan.call != call || count < plan.first || count - plan.first >= plan.times)
-        return outcome::normal;
-    errno = plan.error;
-    plan.failed_path = path;
-    return plan.error > 0 ? outcome::failed : plan.error < 0 ? outcome::ended : outcome::cut;
+    if (plan.is_noting) {
+        plan.is_noting = false; // for what is called here
+        plan.noted.push_back({call, count, caller_site(), path, find(path, true) != nullptr});
+        plan.is_noting = true;
+    }
+    for (size_t at = 0; at < plan.faults.size(); at++) {
+        const fault_t &fault = plan.faults[at];
+        if (count < fault.nth || count - fault.nth >= fault.times ||
+            fault.call != std::string_view{call})
+            continue;
+        if (!plan.failed_paths[at])
+            plan.failed_paths[at] = path;
+        errno = fault.error;
+        return fault.error > 0 ? outcome::failed : fault.error < 0 ? outcome::ended : outcome::cut;
+    }
+    return outcome::normal;
 }
 
 } // namespace
 
-void simhost_fail(const char *call, int nth, int error, int times)
+void simhost_fail(const std::vector<fault_t> &faults)
 {
-    the_plan() = {call, nth, error, times, {}, the_plan().failed_path};
+    plan_t &plan = the_plan();
+    plan.faults = faults;
+    if (!faults.empty()) // what failed is asked behind the count that follows
+        plan.failed_paths.assign(faults.size(), std::nullopt);
+    plan.counts.clear();
+    plan.is_noting = false;
     host().plan = decide;
     host().times_told = 0;
 }
 
-const char *simhost_failed_path()
+void simhost_note_calls()
 {
-    return the_plan().failed_path.c_str();
+    simhost_count();
+    the_plan().noted.clear();
+    the_plan().is_noting = true;
+}
+
+const std::vector<noted_call_t> &simhost_noted_calls()
+{
+    return the_plan().noted;
+}
+
+const char *simhost_failed_path(size_t fault)
+{
+    const plan_t &plan = the_plan();
+    return fault < plan.failed_paths.size() && plan.failed_paths[fault]
+               ? plan.failed_paths[fault]->c_str()
+               : nullptr;
 }
 
 int simhost_calls(const char *call)

@@ -261,7 +261,7 @@ int stat(const char *path, struct stat *status)
 {
     if (!served(path))
         return REAL(stat)(path, status);
-    return plan("stat") == outcome::failed ? -1 : stat_path(path, status, true);
+    return plan("stat", path) == outcome::failed ? -1 : stat_path(path, status, true);
 }
 
 int faccessat(int at, const char *path, int mode, int flags)
@@ -269,7 +269,7 @@ int faccessat(int at, const char *path, int mode, int flags)
     const std::string whole = below(at, path);
     if (!served(whole))
         return REAL(faccessat)(at, path, mode, flags);
-    return plan("stat") == outcome::failed || !find(whole, true) ? -1 : 0;
+    return plan("stat", whole) == outcome::failed || !find(whole, true) ? -1 : 0;
 }
 
 int lstat(const char *path, struct stat *status)
