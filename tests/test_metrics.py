@@ -8,13 +8,16 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 import unittest
 import urllib.request
 
-import crowded_host
 import test_report
+
+sys.path.append(os.path.join(os.path.dirname(test_report.TESTS), "tools"))
+import crowded_host
 
 HOSTS = os.path.join(test_report.TESTS, "hosts")
 HANDLE = 'handle="6f1c2a3b-4d5e-4f60-8172-93a4b5c6d7e8",id="3"'

@@ -3,12 +3,14 @@ import glob
 import os
 import re
 import subprocess
+import sys
 import tempfile
 import unittest
 
+TESTS = os.path.dirname(os.path.abspath(__file__))
+sys.path.append(os.path.join(os.path.dirname(TESTS), "packaging"))
 import installed
 
-TESTS = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ["BUILD"]
 HOST = os.path.join(TESTS, "hosts", "rack-server")
 USE = """import ZorvikDiscoverExtension as module

@@ -5,7 +5,8 @@
 import os
 import sys
 
-BASE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "hosts", "current-server", "host")
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+BASE = os.path.join(ROOT, "tests", "hosts", "current-server", "host")
 DOMAIN = """=== [domain {id}]
 handle {id:08x}-0000-4000-8000-00000000c0de
 nr_pages 262144

@@ -1,6 +1,6 @@
 """What the metrics of a fleet cost: a scrape of one server, and Prometheus with many of them.
 
-    bench_fleet.py                        scrape time, series and bytes by the number of domains
+    script/bench_fleet.py                        scrape time, series and bytes by the number of domains
     bench_fleet.py HOSTS DOMAINS SECONDS  memory, processor and samples of a Prometheus that scrapes
                                           as many recorded servers every 15 seconds, each at an
                                           address of its own from 127.1.0.1 on
@@ -21,9 +21,11 @@ import urllib.request
 
 import psutil
 
+TOOLS = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools")
+sys.path.append(TOOLS)
 import crowded_host
 
-TOOL = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "tools", "zorvik-report")
+TOOL = os.path.join(TOOLS, "zorvik-report")
 PORT, OWN = 19105, "127.0.0.1:19090"
 STEPS = 8  # recordings whose counters grow, one for each scrape in turn
 
