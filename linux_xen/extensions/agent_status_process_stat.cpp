@@ -2,12 +2,14 @@
 #include "agent_status_process_stat.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "agent_sources.h"
 #include "agent_text.h"
 
 namespace zorvik
@@ -70,13 +72,27 @@ bool scan_number(const char *&at, number_kind kind, long &value)
     return true;
 }
 
-/** Takes the next word; what does not fit is passed over. Returns its length. */
-size_t scan_word(const char *&at, char *word, size_t size)
+/**
+ * Where a command's name ends: at its first blank, or with current sources behind the last
+ * parenthesis, for the kernel writes none after its own.
+ */
+const char *end_of_name(const char *name)
+{
+    const char *last = is_asked(CURRENT) ? strrchr(name, ')') : nullptr;
+    return last ? last + 1 : name + strcspn(name, white_space);
+}
+
+/** Takes the command's name; what does not fit is passed over. Returns its length. */
+size_t scan_name(const char *&at, char *name, size_t size)
 {
     at += strspn(at, white_space);
-    const size_t length = strcspn(at, white_space);
-    *std::copy_n(at, std::min(length, size - 1), word) = '\0';
-    at += length;
+    const char *first = std::exchange(at, end_of_name(at));
+    const size_t length = static_cast<size_t>(at - first);
+    char *end = std::copy_n(first, std::min(length, size - 1), name);
+    *end = '\0';
+    if (is_asked(CURRENT)) // XML has no place for them
+        std::replace_if(
+            name, end, [](unsigned char byte) { return iscntrl(byte); }, '?');
     return length;
 }
 
@@ -86,7 +102,7 @@ void scan_proc_stat(const char *at, proc_stat_t *stat)
 {
     *stat = {};
     long pid = 0;
-    if (!scan_number(at, NUMBER_INT, pid) || scan_word(at, stat->comm, sizeof stat->comm) == 0)
+    if (!scan_number(at, NUMBER_INT, pid) || scan_name(at, stat->comm, sizeof stat->comm) == 0)
         return;
     at += strspn(at, white_space);
     stat->state = *at;

@@ -21,7 +21,7 @@ struct proc_stat_t {
 
 /**
  * Takes a stat line apart word by word, up to the first field that is none: a blank in the
- * command's name shifts what follows it.
+ * command's name shifts what follows it, unless current sources are asked.
  */
 void scan_proc_stat(const char *at, proc_stat_t *stat);
 

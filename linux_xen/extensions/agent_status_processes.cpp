@@ -15,6 +15,7 @@
 #include "agent_common.h"
 #include "agent_files.h"
 #include "agent_handles.h"
+#include "agent_sources.h"
 #include "agent_status_process_stat.h"
 #include "agent_text.h"
 
@@ -202,6 +203,17 @@ void send_process(int indent, const stat_file_t &file)
 }
 
 /**
+ * Reads the first line of a stat file, or with current sources the file, for a name can have line
+ * feeds. Returns whether there is one.
+ */
+bool read_stat_line(int fd, stat_file_t *stat)
+{
+    errno = 0;
+    return is_asked(CURRENT) ? read_up_to(fd, stat->line, sizeof stat->line) > 0
+                             : read_first_line(fd, stat->line, sizeof stat->line) >= 0;
+}
+
+/**
  * Reads a process's stat file below the open directory `proc`, or AT_FDCWD. Returns whether that
  * worked; else errno says why.
  */
@@ -213,7 +225,7 @@ bool read_stat(int proc, const char *pidName, stat_file_t *stat)
     strlcat(path, "/stat", sizeof path);
     const char *name = proc == AT_FDCWD ? path : path + strlen("/proc/");
     const unique_fd file = open_file(name, proc);
-    const bool had_line = file && read_first_line(file.fd, stat->line, sizeof stat->line) >= 0;
+    const bool had_line = file && read_stat_line(file.fd, stat);
     const int error = errno;
     if (had_line)
         *put_text(stat->pidName, {pidName, strnlen(pidName, sizeof stat->pidName - 1)}) = '\0';
