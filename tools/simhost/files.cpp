@@ -1,13 +1,12 @@
 #include "simhost.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <set>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -18,26 +17,12 @@ using namespace simhost;
 namespace
 {
 
-struct directory_t {
-    std::vector<std::pair<std::string, unsigned char>> entries;
-    size_t next;
-    int fd;
-    struct dirent entry;
-};
+// By the descriptor: threads of an interpreter close files while another one's report runs, and
+// each has its own.
+constexpr int most_descriptors = 65536;
+std::atomic<open_file_t *> files[most_descriptors];
+std::atomic<int> last_descriptor;
 
-/** Never destroyed: calls come before the first constructor and after the last destructor. */
-struct state_t {
-    std::map<int, open_file_t> descriptors;
-    std::set<void *> directories;
-};
-
-state_t &state()
-{
-    static auto &the_state = *new state_t;
-    return the_state;
-}
-
-constexpr unsigned char entry_types[] = {DT_REG, DT_DIR, DT_LNK};
 constexpr mode_t modes[] = {S_IFREG | 0444, S_IFDIR | 0555, S_IFLNK | 0777};
 
 size_t size_of(const node_t &node)
@@ -78,19 +63,6 @@ int make_file(const node_t &node)
     return fd;
 }
 
-/** A descriptor that is the kernel's; what is read from it is the recording's. */
-int open_node(const node_t &node, const std::string &path, int flags)
-{
-    if (node.open_error) {
-        errno = node.open_error;
-        return -1;
-    }
-    const int fd = eventfd(0, EFD_NONBLOCK | (flags & O_CLOEXEC ? EFD_CLOEXEC : 0));
-    if (fd >= 0)
-        descriptors()[fd] = {path, &node, 0};
-    return fd;
-}
-
 int open_path(const std::string &path, int flags)
 {
     std::string canonical;
@@ -128,8 +100,8 @@ int stat_path(const char *path, struct stat *status, bool follow)
 /** The path that a relative one stands for below an open directory of the host's. */
 std::string below(int at, const char *path)
 {
-    const auto base = descriptors().find(at);
-    return path[0] == '/' || base == descriptors().end() ? path : base->second.path + "/" + path;
+    const open_file_t *base = opened(at);
+    return path[0] == '/' || !base ? path : base->path + "/" + path;
 }
 
 mode_t mode_argument(int flags, va_list arguments)
@@ -139,9 +111,35 @@ mode_t mode_argument(int flags, va_list arguments)
 
 } // namespace
 
-std::map<int, open_file_t> &simhost::descriptors()
+int simhost::open_node(const node_t &node, const std::string &path, int flags)
 {
-    return state().descriptors;
+    if (node.open_error) {
+        errno = node.open_error;
+        return -1;
+    }
+    const int fd = eventfd(0, EFD_NONBLOCK | (flags & O_CLOEXEC ? EFD_CLOEXEC : 0));
+    if (fd >= most_descriptors) {
+        REAL(close)(fd);
+        errno = EMFILE;
+        return -1;
+    }
+    if (fd >= 0) {
+        delete files[fd].exchange(new open_file_t{fd, path, &node, 0});
+        last_descriptor = std::max<int>(last_descriptor, fd);
+    }
+    return fd;
+}
+
+open_file_t *simhost::opened(int fd)
+{
+    return fd >= 0 && fd < most_descriptors ? files[fd].load() : nullptr;
+}
+
+void simhost::forget_nodes()
+{
+    for (int fd = 0; fd <= last_descriptor; fd++)
+        if (open_file_t *file = opened(fd))
+            file->node = nullptr;
 }
 
 extern "C" {
@@ -177,16 +175,17 @@ int close(int fd)
 {
     if (is_ipmi(fd))
         ipmi_close();
-    descriptors().erase(fd);
+    if (opened(fd))
+        delete files[fd].exchange(nullptr);
     return REAL(close)(fd);
 }
 
 ssize_t read(int fd, void *buffer, size_t size)
 {
-    const auto file = descriptors().find(fd);
-    if (file == descriptors().end())
+    open_file_t *file = opened(fd);
+    if (!file)
         return REAL(read)(fd, buffer, size);
-    auto &[path, node, at] = file->second;
+    auto &[same, path, node, at] = *file;
     const outcome wanted = plan("read", path);
     if (!node || node->read_error || node->kind == node_t::directory) {
         errno = !node ? EBADF : node->read_error ? node->read_error : EISDIR;
@@ -202,10 +201,10 @@ ssize_t read(int fd, void *buffer, size_t size)
 
 off_t lseek(int fd, off_t offset, int whence)
 {
-    const auto file = descriptors().find(fd);
-    if (file == descriptors().end())
+    open_file_t *file = opened(fd);
+    if (!file)
         return REAL(lseek)(fd, offset, whence);
-    auto &[path, node, at] = file->second;
+    auto &[same, path, node, at] = *file;
     if (plan("lseek", path) == outcome::failed)
         return -1;
     if (whence == SEEK_CUR)
@@ -224,13 +223,13 @@ off64_t lseek64(int fd, off64_t offset, int whence) __attribute__((alias("lseek"
 
 void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t offset)
 {
-    const auto file = descriptors().find(fd);
-    if (file == descriptors().end() || !file->second.node)
+    const open_file_t *file = opened(fd);
+    if (!file || !file->node)
         return REAL(mmap)(address, size, protection, flags, fd, offset);
     if (plan("mmap") == outcome::failed)
         return MAP_FAILED;
     // Behind its end a mapped file faults when it is touched, and so does the memory device.
-    const int bytes = make_file(*file->second.node);
+    const int bytes = make_file(*file->node);
     void *const mapped = REAL(mmap)(address, size, protection, flags, bytes, offset);
     REAL(close)(bytes);
     return mapped;
@@ -251,8 +250,7 @@ FILE *fopen(const char *path, const char *mode)
     const int fd = plan("fopen", path) == outcome::failed ? -1 : open_path(path, flags);
     if (fd < 0)
         return nullptr;
-    return fopencookie(const_cast<int *>(&descriptors().find(fd)->first), "r",
-                       {read_stream, nullptr, nullptr, close_stream});
+    return fopencookie(&opened(fd)->fd, "r", {read_stream, nullptr, nullptr, close_stream});
 }
 
 FILE *fopen64(const char *path, const char *mode) __attribute__((alias("fopen")));
@@ -286,60 +284,6 @@ ssize_t readlink(const char *path, char *target, size_t size)
         return static_cast<ssize_t>(node->content.copy(target, size));
     errno = node ? EINVAL : errno;
     return -1;
-}
-
-DIR *opendir(const char *path)
-{
-    if (!served(path))
-        return REAL(opendir)(path);
-    if (plan("opendir", path) == outcome::failed)
-        return nullptr;
-    std::string canonical;
-    const node_t *node = find(path, true, &canonical);
-    if (node && node->kind != node_t::directory)
-        errno = ENOTDIR;
-    const int fd =
-        node && node->kind == node_t::directory ? open_node(*node, canonical, O_CLOEXEC) : -1;
-    if (fd < 0)
-        return nullptr;
-    auto *directory = new directory_t{{{".", DT_DIR}, {"..", DT_DIR}}, 0, fd, {}};
-    for (const std::string &name : node->names) {
-        const std::string entry = std::string(canonical).append("/").append(name);
-        directory->entries.emplace_back(name, entry_types[host().nodes[entry].kind]);
-    }
-    state().directories.insert(directory);
-    return reinterpret_cast<DIR *>(directory);
-}
-
-struct dirent *readdir(DIR *stream)
-{
-    if (!state().directories.count(stream))
-        return REAL(readdir)(stream);
-    auto *directory = reinterpret_cast<directory_t *>(stream);
-    if (plan("readdir") == outcome::failed || directory->next == directory->entries.size())
-        return nullptr;
-    const auto &[name, type] = directory->entries[directory->next++];
-    directory->entry.d_type = type;
-    memcpy(directory->entry.d_name, name.c_str(), name.size() + 1);
-    return &directory->entry;
-}
-
-struct dirent64 *readdir64(DIR *stream) __attribute__((alias("readdir")));
-
-int dirfd(DIR *stream)
-{
-    return state().directories.count(stream) ? reinterpret_cast<directory_t *>(stream)->fd
-                                             : REAL(dirfd)(stream);
-}
-
-int closedir(DIR *stream)
-{
-    if (!state().directories.erase(stream))
-        return REAL(closedir)(stream);
-    auto *directory = reinterpret_cast<directory_t *>(stream);
-    close(directory->fd);
-    delete directory;
-    return 0;
 }
 
 } // extern "C"

@@ -130,8 +130,8 @@ int receive_message(struct ipmi_recv *received)
 
 bool simhost::is_ipmi(int fd)
 {
-    const auto file = descriptors().find(fd);
-    return file != descriptors().end() && file->second.path == "/dev/ipmi0";
+    const open_file_t *file = opened(fd);
+    return file && file->path == "/dev/ipmi0";
 }
 
 void simhost::ipmi_close()

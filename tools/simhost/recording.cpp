@@ -228,8 +228,7 @@ int simhost_load(const char *recording)
 void simhost_unload()
 {
     host() = {};
-    for (auto &[fd, file] : descriptors())
-        file.node = nullptr;
+    forget_nodes();
 }
 
 void simhost_put(const char *path, const void *content, size_t size)

@@ -95,13 +95,20 @@ const char *answer(const std::string &section, const char *key, int missing);
 outcome plan(const char *call, const std::string &path = "");
 
 struct open_file_t {
+    int fd;
     std::string path;
     const node_t *node; // null once its host is gone
     size_t at;
 };
 
-/** What the host has open, by the descriptor. */
-std::map<int, open_file_t> &descriptors();
+/** What the host has open at a descriptor, or null. */
+open_file_t *opened(int fd);
+
+/** A descriptor that is the kernel's; what is read from it is the recording's. */
+int open_node(const node_t &node, const std::string &path, int flags);
+
+/** Takes the loaded host from what is open: it cannot be read any more. */
+void forget_nodes();
 
 /** The IPMI device: whether a descriptor is one, and the answer to a request on it. */
 bool is_ipmi(int fd);
