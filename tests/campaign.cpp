@@ -7,7 +7,6 @@
 #include <fnmatch.h>
 #include <map>
 #include <random>
-#include <sstream>
 #include <tuple>
 #include <unistd.h>
 
@@ -108,34 +107,6 @@ const int most_pairs = number_from("CAMPAIGN_PAIRS", 400);
 #endif
 const unsigned int seed = static_cast<unsigned int>(number_from("CAMPAIGN_SEED", 1));
 
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream stream{text};
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-/** How many more start tags than end tags of each element the lines hold; balanced when all are 0.
- */
-std::map<std::string, int> open_elements(const std::vector<std::string> &lines)
-{
-    std::map<std::string, int> open;
-    for (const std::string &line : lines) {
-        for (size_t at = line.find('<'); at != std::string::npos; at = line.find('<', at + 1)) {
-            const bool end = line[at + 1] == '/';
-            const size_t name = at + (end ? 2 : 1);
-            const size_t close = line.find('>', at);
-            if (close == std::string::npos || line[close - 1] == '/' || line[name] == '?')
-                continue;
-            open[line.substr(name, line.find_first_of(" >", name) - name)] += end ? -1 : 1;
-        }
-    }
-    std::erase_if(open, [](const auto &row) { return row.second == 0; });
-    return open;
-}
-
 struct answer_t {
     int status;
     std::string response, log;
@@ -152,9 +123,8 @@ answer_t ask(const call_t &call)
 }
 
 /**
- * The faulty document is the healthy one with at most one run of lines replaced: all before it and
- * all after it is reported byte for byte, and elements stay as balanced as they were. A document
- * that differs says so in the log, unless the failures are silent by design.
+ * A document that parses still does. One that differs says so in the log, unless the failures are
+ * silent by design.
  */
 void check(const answer_t &healthy, const answer_t &faulty, const std::vector<fault_t> &faults)
 {
@@ -174,19 +144,13 @@ void check(const answer_t &healthy, const answer_t &faulty, const std::vector<fa
     }
     if (lost_lines || faulty.response.find('<') == std::string::npos)
         return; // an append that failed took its lines, end tags among them, with it
-    const auto before = lines_of(healthy.response), after = lines_of(faulty.response);
-    if (!open_elements(before).empty())
+    if (!xml_error(healthy.response).empty())
         return; // the document ends early, or its lines are cut
-    const auto start = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
     // The hardware document breaks off where the hypervisor does not answer.
-    if (breaks_off &&
-        (start.second == after.end() || (faults.size() > 1 && before.back() != after.back())))
+    const size_t last_line = healthy.response.rfind('\n', healthy.response.size() - 2);
+    if (breaks_off && !faulty.response.ends_with(healthy.response.substr(last_line + 1)))
         return;
-    const size_t shared = static_cast<size_t>(start.first - before.begin());
-    const auto end = std::mismatch(before.rbegin(), before.rend() - static_cast<long>(shared),
-                                   after.rbegin(), after.rend() - static_cast<long>(shared));
-    EXPECT_EQ(open_elements({start.first, end.first.base()}),
-              open_elements({start.second, end.second.base()}));
+    EXPECT_EQ(xml_error(faulty.response), "");
 }
 
 /** A call to fail: of the equal ones from one place, with an equal outcome, some stand for all. */

@@ -1,6 +1,7 @@
 #include "recorded.h"
 
 #include <algorithm>
+#include <expat.h>
 #include <fstream>
 #include <iomanip>
 #include <set>
@@ -74,6 +75,20 @@ std::string expected(const call_t &call, const char *suffix)
 {
     std::ifstream file{call.host / (call.label + suffix)};
     return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "(null)";
+}
+
+std::string xml_error(std::string_view response)
+{
+    response.remove_prefix(std::min(response.find('<'), response.size()));
+    std::string document{response};
+    if (!response.starts_with("<?xml"))
+        document = "<all>" + document + "</all>";
+    const XML_Parser parser = XML_ParserCreate("ISO-8859-1"); // a name may hold any byte
+    const bool parsed =
+        XML_Parse(parser, document.data(), static_cast<int>(document.size()), 1) == XML_STATUS_OK;
+    const char *const error = parsed ? "" : XML_ErrorString(XML_GetErrorCode(parser));
+    XML_ParserFree(parser);
+    return error;
 }
 
 long open_descriptors()

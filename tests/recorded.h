@@ -31,4 +31,10 @@ int run(const call_t &call);
 /** An expected text of the call: the file LABEL with `suffix`, or "(null)" where there is none. */
 std::string expected(const call_t &call, const char *suffix);
 
+/**
+ * What keeps a response from being XML, empty where nothing does. A status line is left out, and
+ * elements without a root get one.
+ */
+std::string xml_error(std::string_view response);
+
 long open_descriptors();
