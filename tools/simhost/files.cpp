@@ -50,10 +50,12 @@ ssize_t read_node(const node_t &node, size_t at, char *buffer, size_t wanted)
     return static_cast<ssize_t>(size);
 }
 
-/** A file of the kernel's with the bytes, to be mapped. */
+/** A file of the kernel's with the bytes, to be mapped; -1 where no descriptor is to be had. */
 int make_file(const node_t &node)
 {
     const int fd = memfd_create("simhost", MFD_CLOEXEC);
+    if (fd < 0)
+        return -1;
     bool written = ftruncate(fd, static_cast<off_t>(size_of(node))) == 0 &&
                    pwrite(fd, node.content.data(), node.content.size(), 0) >= 0;
     for (const auto &[address, bytes] : node.memory)
@@ -230,6 +232,8 @@ void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t 
         return MAP_FAILED;
     // Behind its end a mapped file faults when it is touched, and so does the memory device.
     const int bytes = make_file(*file->node);
+    if (bytes < 0)
+        return MAP_FAILED;
     void *const mapped = REAL(mmap)(address, size, protection, flags, bytes, offset);
     REAL(close)(bytes);
     return mapped;
