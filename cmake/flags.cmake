@@ -26,8 +26,3 @@ if(ZORVIK_SANITIZE)
 else()
     target_compile_definitions(zorvik_flags INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
 endif()
-
-if(ZORVIK_FUZZ)
-    target_compile_options(zorvik_flags INTERFACE -fsanitize=fuzzer-no-link)
-    target_link_options(zorvik_flags INTERFACE -fsanitize=fuzzer-no-link)
-endif()

@@ -1,323 +1,116 @@
-// The fuzz targets. An input takes the place of what the firmware, the caller, the kernel, a tool
-// or the controller says on a recorded host, and what reads it is run. Without libFuzzer this
-// replays the seeds, which are cut from the recorded hosts, and the inputs that once failed.
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <fnmatch.h>
-#include <fstream>
-#include <functional>
-#include <set>
-#include <sstream>
-#include <unistd.h>
+// Runs the fuzz targets. Without libFuzzer this replays the seeds, which are cut from the recorded
+// hosts, the corpora, and the inputs that once failed.
+#include "fuzz.h"
 
-#include "agent_discover.h"
-#include "agent_discover_internal.h"
-#include "agent_status.h"
-#include "config_ipmi.h"
-#include "config_network.h"
-#include "config_scsi.h"
-#include "recorded.h"
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <unistd.h>
+#include <utility>
+
+namespace fs = std::filesystem;
 
 namespace
 {
 
-namespace fs = std::filesystem;
-using simhost::host;
-using use_seed = std::function<void(const std::string &)>;
-
-void require(bool holds)
+int lowest_free_descriptor()
 {
-    if (!holds)
-        abort();
+    const int fd = dup(STDERR_FILENO);
+    close(fd);
+    return fd;
 }
 
-/** Runs a report on a recorded host, which is read once and then `kept`. */
-void on_host(simhost::host_t &kept, const std::string &name, const std::function<void()> &report)
-{
-    std::swap(kept, host());
-    if (!host().loaded)
-        simhost_load((HOSTS "/" + name + "/host").c_str());
-    report();
-    std::swap(kept, host());
-}
-
-// Low memory: an entry point, of which the last byte belongs to nobody, and the table. Two bits of
-// that byte: do not put the checksums right, which mutations miss; the table can only be mapped.
-constexpr size_t entry_bytes = sizeof(smbios_entry_point_t);
-// Two more: only the kernel shows the table; it comes 64 times.
-constexpr int as_it_is = 1, unreadable = 2, kernels_alone = 4, repeated = 8;
-
-/** Puts the table where the kernel shows it, behind a 64-bit entry point or the one there is. */
-size_t put_kernel_table(std::string entry, std::string table, int control)
-{
-    if (!(control & as_it_is)) {
-        auto &smb = *reinterpret_cast<smbios3_entry_point_t *>(entry.data());
-        entry.replace(0, 5, "_SM3_");
-        smb.length = sizeof smb;
-        smb.cksum = static_cast<uint8_t>(smb.cksum - verify_cksum(&smb, sizeof smb));
-    }
-    for (int doubled = 0; (control & repeated) && doubled < 6; doubled++)
-        table += table;
-    simhost_put("/sys/firmware/dmi/tables/smbios_entry_point", entry.data(), entry.size());
-    simhost_put("/sys/firmware/dmi/tables/DMI", table.data(), table.size());
-    return table.size();
-}
-
-void run_memory(std::string input)
-{
-    input.resize(std::max(input.size(), entry_bytes));
-    const int control = input[entry_bytes - 1];
-    auto &smb = *reinterpret_cast<smbios_entry_point_t *>(input.data());
-    const bool legacy = input[1] == 'D';
-    auto &dmi = legacy ? *reinterpret_cast<dmi_entry_point_t *>(&smb) : smb.dmi;
-    dmi.length = static_cast<uint16_t>(std::min<size_t>(dmi.length, input.size() - entry_bytes));
-    if (!(control & as_it_is)) {
-        input.replace(0, legacy ? 5 : 4, legacy ? "_DMI_" : "_SM_");
-        dmi.cksum = static_cast<uint8_t>(dmi.cksum - verify_cksum(&dmi, sizeof dmi - 1));
-        const int whole = std::min<int>(smb.length, entry_bytes);
-        if (!legacy)
-            smb.cksum = static_cast<uint8_t>(smb.cksum - verify_cksum(&smb, whole));
-    }
-    simhost_put("/dev/mem", "", 0);
-    auto &memory = host().nodes["/dev/mem"].memory;
-    if (!(control & kernels_alone)) {
-        memory[dmi.address] = input.substr(entry_bytes);
-        memory[0xF0000] = input.substr(0, entry_bytes);
-    }
-    const size_t shown =
-        put_kernel_table(input.substr(0, entry_bytes), input.substr(entry_bytes), control);
-
-    const auto plan_faults = [&] { simhost_fail("read", 3, EPERM, control & unreadable); };
-    plan_faults();
-    unsigned char *table = nullptr;
-    smbios_entry_point_t found = {};
-    int length = 0;
-    if (get_smbios_structures(&found, &table, &length, nullptr) == 0)
-        free(table);
-    plan_faults();
-    require(agent_unique_id(new_conn()) != 0 || strlen(the_connection.response) == 47);
-    conn_free(&the_connection);
-    plan_faults();
-    show_smbios_info(0, 1);
-    // A byte is dumped, and stands in each of five children as an entity at the most; a structure
-    // has two bytes at the least and costs the tags of itself and its children.
-    const size_t structures =
-        std::min<size_t>(found.dmi.items, static_cast<size_t>(length) / 2 + 1);
-    const size_t most = global_source_state && !table
-                            ? 32 * shown + 384 * (shown / 2 + 1)
-                            : 32 * static_cast<size_t>(length) + 384 * structures;
-    require(response().size() < 512 + most);
-}
-
-void seed_memory(const use_seed &use)
-{
-    const auto &memory = host().nodes["/dev/mem"].memory;
-    for (auto [entry_address, entry] : memory) {
-        entry.resize(entry_bytes);
-        for (const auto &[address, table] : memory)
-            if (entry[0] == '_' && address != entry_address)
-                use(entry + table);
-    }
-}
-
-void run_command(std::string input)
-{
-    static simhost::host_t kept;
-    on_host(kept, "commands", [&] { agent_status(new_conn(), input.c_str()); });
-}
-
-void seed_command(const use_seed &use)
-{
-    for (const call_t &call : recorded_calls())
-        if (call.function == "status")
-            use(call.arguments);
-}
-
-void network()
-{
-    agent_unique_id(new_conn());
-    config_show_network(0);
-}
-
-struct text_t {
-    const char *host;
-    const char *path;
-    const char *alike; // the recorded files that are its seeds
-    void (*report)();
-};
-
-// The first is a target of its own, for a child process takes its time.
-constexpr text_t texts[] = {
-    {"rack-server", "/usr/bin/ovs-vsctl", "*/uevent", [] { bridge_config(0); }},
-    {"current-server", "/sys/devices/system/xen_memory/xen_memory0/target_kb", "*/target_kb",
-     [] { send_memory_info(0); }},
-    {"rack-server", "/proc/cpuinfo", "/proc/cpuinfo", [] { config_send_cpuinfo(0); }},
-    {"status-cut", "/proc/1/stat", "/proc/[0-9]*/stat", [] { send_proc_info(0, "1"); }},
-    {"rack-server", "/proc/meminfo", "/proc/meminfo", [] { send_memory_info(0); }},
-    {"rack-server", "/proc/xen/balloon", "/proc/xen/balloon", [] { send_memory_info(0); }},
-    {"cards", "/proc/net/dev", "/proc/net/dev", network},
-    {"cards", "/sys/class/net/eth2/address", "*/address", network},
-    {"cards", "/sys/class/net/eth2/type", "*/net/*/*", network},
-    {"net-bonds", "/proc/net/bonding/bond0", "/proc/net/bonding/*", [] { bonding_discover(0); }},
-    {"net-bonds", "/sys/class/net/bond0/bonding/mode", "*/mode", [] { bonding_discover(0); }},
-    {"status-odd", "/sys/class/net/eth0/statistics/rx_bytes", "*/net/*/statistics/*",
-     [] { network_status(0, 1); }},
-    {"rack-server", "/sys/class/fc_host/host3/statistics/rx_words", "*/fc_host/*/statistics/*",
-     [] { scsi_status(0); }},
-    {"net-infiniband", "/sys/class/net/ib0/device/infiniband/exhca0/ports/1/state", "*/ports/1/*",
-     [] { infiniband_config(0); }},
-};
-
-void run_row(size_t row, const std::string &content)
-{
-    static simhost::host_t kept[std::size(texts)];
-    on_host(kept[row], texts[row].host, [&] {
-        simhost_put("/sys/module/openvswitch_mod", "", 0);
-        simhost_put(texts[row].path, content.data(), content.size());
-        texts[row].report();
-    });
-}
-
-void seed_row(size_t row, const use_seed &use)
-{
-    for (const auto &[path, node] : host().nodes)
-        if (node.kind == simhost::node_t::file && !fnmatch(texts[row].alike, path.c_str(), 0))
-            use(node.content);
-}
-
-/** The first byte chooses the file. */
-void run_text(std::string input)
-{
-    const auto choice = static_cast<unsigned char>(input[0]);
-    run_row(1 + choice % (std::size(texts) - 1), input.substr(!input.empty()));
-}
-
-void seed_text(const use_seed &use)
-{
-    for (size_t row = 1; row < std::size(texts); row++)
-        seed_row(row, [&](const std::string &seed) { use(static_cast<char>(row - 1) + seed); });
-}
-
-/** The requests to the controller, in the order of a report on 15 channels that are all LANs. */
-std::vector<std::string> requests()
-{
-    std::vector<std::string> keys{"06.37"};
-    for (int channel = 0; channel < 15; channel++)
-        for (const auto &[command, rest] : {std::pair{"06.42.", ""},
-                                            {"0c.02.", ".05.00.00"},
-                                            {"0c.02.", ".04.00.00"},
-                                            {"0c.02.", ".03.00.00"}})
-            keys.emplace_back(
-                path_t<32>("%s%02x%s", command, static_cast<unsigned>(channel), rest).text);
-    return keys;
-}
-
-/** The replies, each behind a byte with its length. */
-void run_ipmi(std::string input)
-{
-    static const std::vector<std::string> keys = requests();
-    simhost_put("/dev/ipmi0", "", 0);
-    std::istringstream bytes{input};
-    for (const std::string &key : keys) {
-        std::string &reply = host().sections["ipmi"][key] = "empty";
-        for (int length = bytes.get(); length > 0 && bytes; length--)
-            reply += path_t<4>(" %02x", bytes.get() & 0xFF).text;
-    }
-    config_show_ipmi(0);
-}
-
-void seed_ipmi(const use_seed &use)
-{
-    std::string seed;
-    for (const std::string &key : requests()) {
-        std::istringstream words{host().sections["ipmi"][key]};
-        std::string reply;
-        for (std::string word; words >> word;)
-            if (word.size() == 2)
-                reply += static_cast<char>(std::stoi(word, nullptr, 16));
-        seed += static_cast<char>(reply.size()) + reply;
-    }
-    use(seed);
-}
-
-struct target_t {
-    const char *name;
-    void (*run)(std::string input);
-    void (*seed)(const use_seed &use); // with what the loaded host has
-};
-
-constexpr target_t targets[] = {
-    {"memory", run_memory, seed_memory},
-    {"command", run_command, seed_command},
-    {"switch", [](std::string input) { run_row(0, "#output\n" + input); },
-     [](const use_seed &use) { seed_row(0, use); }},
-    {"text", run_text, seed_text},
-    {"ipmi", run_ipmi, seed_ipmi},
-};
-
-/** Runs a target on an input, with classic and with current sources. No descriptor may stay open. */
-void run(const std::string &target, const std::string &input)
+/** Runs a target on an input, with classic (0) or with current sources (1). */
+void run(const target_t &target, const std::string &input, int state, int debug_level)
 {
     static FILE *const debug_output = stdout = fopen("/dev/null", "we");
     require(debug_output != nullptr);
-    const auto lowest_free = [] {
-        const int fd = dup(STDERR_FILENO);
-        close(fd);
-        return fd;
-    };
-    const int before = lowest_free();
-    global_debug_state = input.size() % 8 ? 0 : 4;
-    for (const int state : {0, 1}) {
-        global_source_state = state;
-        new_conn();
-        simhost_unload();
-        for (const target_t &row : targets)
-            if (row.name == target)
-                row.run(input);
-        conn_free(&the_connection);
-        require(lowest_free() == before);
-    }
+    const int before = lowest_free_descriptor();
+    global_debug_state = debug_level;
+    global_source_state = state;
+    new_conn();
+    simhost_unload();
+    // Of the processor's time: the machine may have more to do. libFuzzer sees the other one.
+    const clock_t start = clock();
+    FILE *const messages = std::exchange(stderr, debug_output); // what the host cannot make
+    target.run(input);
+    stderr = messages;
+    require(clock() - start < 2 * CLOCKS_PER_SEC);
+    conn_free(&the_connection);
+    require(lowest_free_descriptor() == before);
+}
+
+const target_t *find_target(const std::string &name)
+{
+    const auto found = std::find_if(targets.begin(), targets.end(),
+                                    [&](const target_t &row) { return row.name == name; });
+    return found == targets.end() ? nullptr : &*found;
 }
 
 } // namespace
+
+void require_parsed()
+{
+    if (const std::string error = xml_error(response()); !error.empty()) {
+        dprintf(STDERR_FILENO, "%s:\n%s\n", error.c_str(), response().c_str());
+        abort();
+    }
+}
 
 #ifdef FUZZER
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const std::string target = getenv("FUZZ_TARGET");
-    run(target, {reinterpret_cast<const char *>(data), size});
+    static const target_t &target = *find_target(getenv("FUZZ_TARGET"));
+    const std::string input{reinterpret_cast<const char *>(data), size};
+    const size_t choice = std::hash<std::string>{}(input);
+    run(target, input, choice % 2, choice / 2 % 32 ? 0 : 4);
     return 0;
 }
 
 #else
 
-/** Runs everything; with a folder as its argument, writes the seeds below it instead. */
+namespace
+{
+
+std::string content(const fs::path &path)
+{
+    std::ifstream file{path};
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+} // namespace
+
+/** Runs everything, or with a folder as the argument writes it there. */
 int main(int argc, char **argv)
 {
-    std::set<std::pair<std::string, std::string>> inputs;
+    std::set<std::pair<std::string, std::string>> inputs; // of a target each
     for (const auto &recording : fs::directory_iterator(HOSTS)) {
         simhost_load((recording.path() / "host").c_str());
         for (const target_t &row : targets)
             row.seed([&](const std::string &seed) { inputs.emplace(row.name, seed); });
+        const std::string text = content(recording.path() / "host");
+        if (text.size() < 4096)
+            inputs.emplace("recording", text);
     }
-    std::error_code none;
-    for (const auto &file : fs::recursive_directory_iterator(INPUTS, none))
-        if (file.is_regular_file())
-            inputs.emplace(
-                file.path().parent_path().filename(),
-                std::string(std::istreambuf_iterator<char>(std::ifstream(file.path()).rdbuf()),
-                            {}));
+    for (const char *folder : {INPUTS, CORPORA})
+        for (fs::recursive_directory_iterator file{folder}; file != fs::end(file); ++file)
+            if (file.depth() == 1)
+                inputs.emplace(file->path().parent_path().filename(), content(file->path()));
     int number = 0;
-    for (const auto &[target, input] : inputs) {
+    for (const auto &[name, input] : inputs) {
         number++;
         if (argc < 2) {
-            run(target, input);
+            require(find_target(name) != nullptr);
+            for (const int state : {0, 1})
+                run(*find_target(name), input, state, number % 8 ? 0 : 4);
             continue;
         }
-        fs::create_directories(argv[1] / fs::path(target));
-        std::ofstream(argv[1] / fs::path(target) / std::to_string(number)) << input;
+        fs::create_directories(argv[1] / fs::path(name));
+        std::ofstream(argv[1] / fs::path(name) / std::to_string(number)) << input;
     }
     fprintf(stderr, "fuzz targets: %d inputs %s\n", number, argc < 2 ? "replayed" : "written");
     return 0;
