@@ -56,8 +56,6 @@ TEST_F(Record, EscapesTextContent)
     conn_send_XML_string("B", 0, "");
     EXPECT_EQ(response(), "  <A>&lt;a href=&quot;x&quot;&gt;&apos;&amp;amp;\x01\xff&lt;/a&gt;</A>\n"
                           "<B></B>\n");
-    EXPECT_EQ(conn_send_XML_string("A", 0, nullptr), EINVAL);
-    EXPECT_EQ(conn_send_XML_string("A", -1, "x"), EINVAL);
     EXPECT_EQ(conn_send_XML_string("A", INT_MAX - 1, "x"), ENOMEM);
 }
 
