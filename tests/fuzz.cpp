@@ -1,5 +1,4 @@
-// Runs the fuzz targets. Without libFuzzer this replays the seeds, which are cut from the recorded
-// hosts, the corpora, and the inputs that once failed.
+// Runs the fuzz targets. Without libFuzzer this replays the corpora and the inputs that once failed.
 #include "fuzz.h"
 
 #include <algorithm>
@@ -7,7 +6,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <unistd.h>
 #include <utility>
 
@@ -84,35 +82,20 @@ std::string content(const fs::path &path)
 
 } // namespace
 
-/** Runs everything, or with a folder as the argument writes it there. */
-int main(int argc, char **argv)
+int main()
 {
-    std::set<std::pair<std::string, std::string>> inputs; // of a target each
-    for (const auto &recording : fs::directory_iterator(HOSTS)) {
-        simhost_load((recording.path() / "host").c_str());
-        for (const target_t &row : targets)
-            row.seed([&](const std::string &seed) { inputs.emplace(row.name, seed); });
-        const std::string text = content(recording.path() / "host");
-        if (text.size() < 4096)
-            inputs.emplace("recording", text);
-    }
-    for (const char *folder : {INPUTS, CORPORA})
-        for (fs::recursive_directory_iterator file{folder}; file != fs::end(file); ++file)
-            if (file.depth() == 1)
-                inputs.emplace(file->path().parent_path().filename(), content(file->path()));
     int number = 0;
-    for (const auto &[name, input] : inputs) {
-        number++;
-        if (argc < 2) {
-            require(find_target(name) != nullptr);
+    for (const char *folder : {INPUTS, CORPORA})
+        for (fs::recursive_directory_iterator file{folder}; file != fs::end(file); ++file) {
+            if (file.depth() == 0)
+                continue;
+            const target_t *target = find_target(file->path().parent_path().filename());
+            require(target != nullptr);
+            number++;
             for (const int state : {0, 1})
-                run(*find_target(name), input, state, number % 8 ? 0 : 4);
-            continue;
+                run(*target, content(file->path()), state, number % 8 ? 0 : 4);
         }
-        fs::create_directories(argv[1] / fs::path(name));
-        std::ofstream(argv[1] / fs::path(name) / std::to_string(number)) << input;
-    }
-    fprintf(stderr, "fuzz targets: %d inputs %s\n", number, argc < 2 ? "replayed" : "written");
+    fprintf(stderr, "fuzz targets: %d inputs replayed\n", number);
     return 0;
 }
 

@@ -6,12 +6,9 @@
 
 #include "recorded.h"
 
-using use_seed = std::function<void(const std::string &)>;
-
 struct target_t {
     const char *name;
     void (*run)(std::string input);
-    void (*seed)(const use_seed &use); // with what the loaded host has
 };
 
 extern const std::vector<target_t> targets;

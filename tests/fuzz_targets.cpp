@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fnmatch.h>
 #include <sstream>
 
 #include "agent_discover.h"
@@ -102,20 +101,6 @@ void run_memory(std::string input)
     require(response().size() < 512 + most);
 }
 
-void seed_memory(const use_seed &use)
-{
-    const auto &memory = host().nodes["/dev/mem"].memory;
-    for (auto [entry_address, entry] : memory) {
-        entry.resize(entry_bytes);
-        for (const auto &[address, table] : memory)
-            if (entry[0] == '_' && address != entry_address)
-                for (const int control : {0, kernels_alone | narrow}) {
-                    entry.back() = static_cast<char>(entry.back() | control);
-                    use(entry + table);
-                }
-    }
-}
-
 void run_command(std::string input)
 {
     static simhost::host_t kept;
@@ -123,13 +108,6 @@ void run_command(std::string input)
         if (agent_status(new_conn(), input.c_str()) == 0)
             require_parsed();
     });
-}
-
-void seed_command(const use_seed &use)
-{
-    for (const call_t &call : recorded_calls())
-        if (call.function == "status")
-            use(call.arguments);
 }
 
 void network()
@@ -144,31 +122,27 @@ enum use_of_text { BRACKETED, KEYS, AS_IT_IS, AS_NAMES };
 struct text_t {
     const char *host;
     const char *path;
-    const char *alike; // the recorded files that are its seeds
     void (*report)();
     use_of_text use = AS_IT_IS;
 };
 
-// The first is a target of its own, for a child process takes its time.
+// The first one is the target "switch", the others are "text".
 constexpr text_t texts[] = {
-    {"rack-server", "/usr/bin/ovs-vsctl", "*/uevent", [] { bridge_config(0); }},
-    {"current-server", "/sys/devices/system/xen_memory/xen_memory0/target_kb", "*/target_kb",
+    {"rack-server", "/usr/bin/ovs-vsctl", [] { bridge_config(0); }},
+    {"current-server", "/sys/devices/system/xen_memory/xen_memory0/target_kb",
      [] { send_memory_info(0); }},
-    {"rack-server", "/proc/cpuinfo", "/proc/cpuinfo", [] { config_send_cpuinfo(0); }, KEYS},
-    {"status-cut", "/proc/1/stat", "/proc/[0-9]*/stat", [] { send_proc_info(0, "1"); }, BRACKETED},
-    {"rack-server", "/proc/meminfo", "/proc/meminfo", [] { send_memory_info(0); }},
-    {"rack-server", "/proc/xen/balloon", "/proc/xen/balloon", [] { send_memory_info(0); }},
-    {"cards", "/proc/net/dev", "/proc/net/dev", network},
-    {"cards", "/sys/class/net/eth2/address", "*/address", network},
-    {"cards", "/sys/class/net/eth2/type", "*/net/*/*", network},
-    {"net-bonds", "/proc/net/bonding/bond0", "/proc/net/bonding/*", [] { bonding_discover(0); },
-     AS_NAMES},
-    {"net-bonds", "/sys/class/net/bond0/bonding/mode", "*/mode", [] { bonding_discover(0); }},
-    {"status-odd", "/sys/class/net/eth0/statistics/rx_bytes", "*/net/*/statistics/*",
-     [] { network_status(0, 1); }},
-    {"rack-server", "/sys/class/fc_host/host3/statistics/rx_words", "*/fc_host/*/statistics/*",
-     [] { scsi_status(0); }},
-    {"net-infiniband", "/sys/class/net/ib0/device/infiniband/exhca0/ports/1/state", "*/ports/1/*",
+    {"rack-server", "/proc/cpuinfo", [] { config_send_cpuinfo(0); }, KEYS},
+    {"status-cut", "/proc/1/stat", [] { send_proc_info(0, "1"); }, BRACKETED},
+    {"rack-server", "/proc/meminfo", [] { send_memory_info(0); }},
+    {"rack-server", "/proc/xen/balloon", [] { send_memory_info(0); }},
+    {"cards", "/proc/net/dev", network},
+    {"cards", "/sys/class/net/eth2/address", network},
+    {"cards", "/sys/class/net/eth2/type", network},
+    {"net-bonds", "/proc/net/bonding/bond0", [] { bonding_discover(0); }, AS_NAMES},
+    {"net-bonds", "/sys/class/net/bond0/bonding/mode", [] { bonding_discover(0); }},
+    {"status-odd", "/sys/class/net/eth0/statistics/rx_bytes", [] { network_status(0, 1); }},
+    {"rack-server", "/sys/class/fc_host/host3/statistics/rx_words", [] { scsi_status(0); }},
+    {"net-infiniband", "/sys/class/net/ib0/device/infiniband/exhca0/ports/1/state",
      [] { infiniband_config(0); }},
 };
 
@@ -229,24 +203,11 @@ void run_row(size_t row, const std::string &content)
     });
 }
 
-void seed_row(size_t row, const use_seed &use)
-{
-    for (const auto &[path, node] : host().nodes)
-        if (node.kind == simhost::node_t::file && !fnmatch(texts[row].alike, path.c_str(), 0))
-            use(node.content);
-}
-
 /** The first byte chooses the file. */
 void run_text(std::string input)
 {
     const auto choice = static_cast<unsigned char>(input[0]);
     run_row(1 + choice % (std::size(texts) - 1), input.substr(!input.empty()));
-}
-
-void seed_text(const use_seed &use)
-{
-    for (size_t row = 1; row < std::size(texts); row++)
-        seed_row(row, [&](const std::string &seed) { use(static_cast<char>(row - 1) + seed); });
 }
 
 /** The requests to the controller, in the order of a report on 15 channels that are all LANs. */
@@ -276,20 +237,6 @@ void run_ipmi(std::string input)
     }
     config_show_ipmi(0);
     require_parsed();
-}
-
-void seed_ipmi(const use_seed &use)
-{
-    std::string seed;
-    for (const std::string &key : requests()) {
-        std::istringstream words{host().sections["ipmi"][key]};
-        std::string reply;
-        for (std::string word; words >> word;)
-            if (word.size() == 2)
-                reply += static_cast<char>(std::stoi(word, nullptr, 16));
-        seed += static_cast<char>(reply.size()) + reply;
-    }
-    use(seed);
 }
 
 /** A whole recorded host, on which everything is asked. Its switch's tool must not be a script. */
@@ -324,11 +271,10 @@ std::vector<std::string> split_replies(const std::string &input)
 }
 
 const std::vector<target_t> targets = {
-    {"memory", run_memory, seed_memory},
-    {"command", run_command, seed_command},
-    {"switch", [](std::string input) { run_row(0, "#output\n" + input); },
-     [](const use_seed &use) { seed_row(0, use); }},
-    {"text", run_text, seed_text},
-    {"ipmi", run_ipmi, seed_ipmi},
-    {"recording", run_recording, [](const use_seed &) {}},
+    {"memory", run_memory},
+    {"command", run_command},
+    {"switch", [](std::string input) { run_row(0, "#output\n" + input); }},
+    {"text", run_text},
+    {"ipmi", run_ipmi},
+    {"recording", run_recording},
 };
