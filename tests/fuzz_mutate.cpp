@@ -30,15 +30,20 @@ std::string mutated(std::string bytes, size_t growth = 32)
     return bytes;
 }
 
-/** Drops, doubles or moves a piece. */
-void rearrange(pieces_t *pieces)
+/** Drops or doubles a piece, or changes it. */
+void change_one(pieces_t *pieces, void (*change)(std::string *piece))
 {
-    const size_t from = below(pieces->size()), to = below(pieces->size() + 1);
-    const std::string piece = pieces->at(from);
-    if (below(2))
-        pieces->insert(pieces->begin() + static_cast<long>(to), piece);
-    else
-        pieces->erase(pieces->begin() + static_cast<long>(from));
+    const auto chosen = pieces->begin() + static_cast<long>(below(pieces->size()));
+    switch (below(4)) {
+    case 0:
+        pieces->insert(pieces->begin() + static_cast<long>(below(pieces->size())), *chosen);
+        break;
+    case 1:
+        pieces->erase(chosen);
+        break;
+    default:
+        change(&*chosen);
+    }
 }
 
 /** Cuts a table into its structures, as its lengths say. */
@@ -61,7 +66,7 @@ void mutate_structure(std::string *structure)
     const size_t formatted = std::min<size_t>(static_cast<uint8_t>(length), structure->size());
     std::string fields = structure->substr(0, formatted), strings = structure->substr(formatted);
     fields.resize(std::max<size_t>(fields.size(), 4));
-    switch (below(6)) {
+    switch (below(5)) {
     case 0:
         structure->front() = static_cast<char>(types[below(std::size(types))]);
         return;
@@ -74,9 +79,6 @@ void mutate_structure(std::string *structure)
     case 3: // another number in one field: of a string, mostly
         fields.back() = static_cast<char>(below(4));
         fields[below(fields.size())] = static_cast<char>(below(8));
-        break;
-    case 4:
-        fields.replace(0, std::string::npos, mutated(fields, 4));
         break;
     default:
         strings = mutated(strings) + std::string(2 * below(2), '\0');
@@ -93,10 +95,7 @@ std::string mutate_memory(std::string input)
         return mutated(input);
     pieces_t structures = split_structures(input.substr(entry_bytes));
     input.resize(entry_bytes);
-    if (below(3) == 0)
-        rearrange(&structures);
-    else
-        mutate_structure(&structures[below(structures.size())]);
+    change_one(&structures, mutate_structure);
     std::string table;
     for (const std::string &structure : structures)
         table += structure;
@@ -108,34 +107,26 @@ std::string mutate_memory(std::string input)
     return input + table;
 }
 
+void mutate_reply(std::string *reply)
+{
+    if (below(3) == 0)
+        *reply = std::string("\0\1\4\1\x80\xf2\x1b\0\0", 9); // of a channel that is a LAN
+    else if (below(2))
+        reply->resize(below(24));
+    else
+        *reply = mutated(*reply);
+    reply->resize(std::min<size_t>(reply->size(), 255));
+}
+
 std::string mutate_ipmi(const std::string &input)
 {
     pieces_t replies = split_replies(input);
     if (replies.empty() || below(8) == 0)
         return mutated(input);
-    std::string &reply = replies[below(replies.size())];
-    switch (below(5)) {
-    case 0:
-        rearrange(&replies);
-        break;
-    case 1:
-        reply.resize(below(24));
-        break;
-    case 2:
-        reply = std::string("\0\1\4\1\x80\xf2\x1b\0\0", 9);
-        break; // a channel that is a LAN
-    case 3:
-        if (!reply.empty())
-            reply[below(2) * below(reply.size())] = static_cast<char>(below(6));
-        break;
-    default:
-        reply = mutated(reply);
-    }
+    change_one(&replies, mutate_reply);
     std::string joined;
-    for (std::string &piece : replies) {
-        piece.resize(std::min<size_t>(piece.size(), 255));
-        joined += static_cast<char>(piece.size()) + piece;
-    }
+    for (const std::string &reply : replies)
+        joined += static_cast<char>(reply.size()) + reply;
     return joined;
 }
 
