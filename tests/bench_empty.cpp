@@ -4,14 +4,9 @@
 
 PyMODINIT_FUNC PyInit_bench_empty()
 {
-    static PyModuleDef definition = {PyModuleDef_HEAD_INIT,
-                                     "bench_empty",
-                                     nullptr,
-                                     -1,
-                                     nullptr,
-                                     nullptr,
-                                     nullptr,
-                                     nullptr,
-                                     nullptr};
+    static PyModuleDef definition;
+    definition.m_base = PyModuleDef_HEAD_INIT;
+    definition.m_name = "bench_empty";
+    definition.m_size = -1;
     return PyModule_Create(&definition);
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <initializer_list>
@@ -54,21 +55,13 @@ template <typename Visit> void for_each_entry(DIR *directory, unsigned char type
 struct joined_t {
     char text[300];
 
-    joined_t(const char *name, const char *rest)
-    {
-        char *end = text;
-        for (const char *piece : {name, rest})
-            while (*piece)
-                *end++ = *piece++;
-        *end = '\0';
-    }
+    joined_t(const char *name, const char *rest) { stpcpy(stpcpy(text, name), rest); }
 };
 
 int ask(int socket, const char *name, unsigned long request)
 {
     struct ifreq question = {};
-    for (int at = 0; name[at] && at < IFNAMSIZ - 1; at++)
-        question.ifr_name[at] = name[at];
+    memccpy(question.ifr_name, name, '\0', IFNAMSIZ - 1);
     return ioctl(socket, request, &question);
 }
 
