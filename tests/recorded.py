@@ -51,7 +51,7 @@ def expected(host, label, kind):
 def recorded_calls():
     """Lists host, label, expected status, function and arguments of every recorded call."""
     for path in sorted(glob.glob(os.path.join(HOSTS, "*", "calls"))):
-        with io.open(path, encoding="utf-8") as calls:
+        with io.open(path, encoding="utf-8", newline="\n") as calls:  # a command may hold a \r
             for line in calls:
                 words = line.rstrip("\n").split(" ", 3) + [""]
                 if len(words) > 3 and not line.startswith("#"):

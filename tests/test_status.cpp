@@ -1,4 +1,4 @@
-// The status command's language, stat lines, memory sources and the availability rule.
+// The status command called often or wrongly, memory sources and the availability rule.
 #include <climits>
 #include <sstream>
 
@@ -18,42 +18,7 @@ struct Status : HostTest {
     {
         simhost_put(path, content.data(), content.size());
     }
-
-    /** The elements below the root, or else the text of those that have one: each behind a blank.
-     */
-    static std::string found(bool sections)
-    {
-        std::istringstream lines{response()};
-        std::string all;
-        for (std::string line; std::getline(lines, line);) {
-            const size_t start = sections ? 3 : line.find('>') + 1;
-            const size_t end = line.find_first_of(sections ? " >" : "<", start);
-            if (sections ? line.find('<') == 2 && line[3] != '/' : end != std::string::npos)
-                all.append(" ").append(line, start, end - start);
-        }
-        return all;
-    }
 };
-
-TEST_F(Status, SelectsSections)
-{
-    const std::string rest = " Memory Network Scheduler SCSI";
-    const struct {
-        std::string command, sections;
-    } rows[] = {
-        {" \t\n\v\f\r", " CPUTime" + rest},
-        {"option:processes", " Processes"},
-        {"OPTIONS to show :\v\r\n\f\tscsi \v", " SCSI"},
-        {"Option: Memory Option: CPU", " CPUTime Memory"},
-        {"Option:SCSIDom_Info_BriefOption:CPUNETWORK", " CPUTime Domains Network SCSI"},
-        {"Option: AllBridge_Config", " CPUTime Processes" + rest + " Bridges Bonding"},
-    };
-    for (const auto &row : rows) {
-        EXPECT_EQ(agent_status(new_conn(), row.command.c_str()), 0);
-        EXPECT_EQ(found(true), row.sections + " StatusDeltaTime") << row.command;
-        conn_free(&the_connection);
-    }
-}
 
 TEST_F(Status, RejectsNull)
 {
