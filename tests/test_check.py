@@ -2,13 +2,11 @@
 import os
 import pty
 import re
-import subprocess
-import tempfile
 import unittest
 
-TESTS = os.path.dirname(os.path.abspath(__file__))
-TOOL = os.path.join(os.path.dirname(TESTS), "tools", "zorvik-report")
-os.environ.pop("LD_PRELOAD", None)  # the tool is to preload the simulated host itself
+import test_report
+
+HOSTS = os.path.join(test_report.TESTS, "hosts")
 CURRENT = "--current asks "
 # What is refused, and names that nobody should see as they are.
 REFUSED = """=== [hypervisor]
@@ -68,34 +66,31 @@ CHECKS = (
 )
 
 
-def check(host, *options, **streams):
-    return subprocess.run([TOOL, "check", "--host", host] + list(options), text=True, timeout=60,
-                          **(streams or {"capture_output": True}))
+class CheckTest(test_report.ToolTest):
+    def check(self, host, *options, **streams):
+        if host == REFUSED:
+            host = self.write("refused", REFUSED.encode("utf-8", "surrogateescape"))
+        path = os.path.join(HOSTS, host)
+        return self.report("check", "--host", path, *options, timeout=60, **streams)
 
-
-class CheckTest(unittest.TestCase):
     def test_sources(self):
-        with tempfile.NamedTemporaryFile("w", encoding="utf-8", errors="surrogateescape") as made:
-            made.write(REFUSED)
-            made.flush()
-            for host, current, status, expected in CHECKS:
-                path = made.name if host == REFUSED else os.path.join(TESTS, "hosts", host)
-                with self.subTest(path, current=current):
-                    ended = check(path, *["--current"] * current)
-                    self.assertEqual((ended.returncode, ended.stderr), (status, ""))
-                    lines = [re.split("   *", line, maxsplit=2) for line in ended.stdout.splitlines()]
-                    found = {line[0]: (line[1], (line + [""])[2]) for line in lines}
-                    self.assertEqual(len(found), 18)
-                    for source, (state, end) in expected.items():
-                        self.assertEqual(found[source][0], state, source)
-                        self.assertTrue(found[source][1].endswith(end), found[source])
+        for host, current, status, expected in CHECKS:
+            with self.subTest(host, current=current):
+                ended = self.check(host, *["--current"] * current)
+                self.assertEqual((ended.returncode, ended.stderr), (status, ""))
+                lines = [re.split("   *", line, maxsplit=2) for line in ended.stdout.splitlines()]
+                found = {line[0]: (line[1], (line + [""])[2]) for line in lines}
+                self.assertEqual(len(found), 18)
+                for source, (state, end) in expected.items():
+                    self.assertEqual(found[source][0], state, source)
+                    self.assertTrue(found[source][1].endswith(end), found[source])
 
     def test_colour(self):
         """On a terminal alone, and not where it is not wanted."""
         for no_colour, works in ("", b"\x1b[32mworks  \x1b[m"), ("1", b"works"):
             control, terminal = pty.openpty()
-            check(os.path.join(TESTS, "hosts", "rack-server"), stdout=terminal,
-                  env=dict(os.environ, TERM="xterm", NO_COLOR=no_colour))
+            self.check("rack-server", stdout=terminal,
+                       env=dict(os.environ, TERM="xterm", NO_COLOR=no_colour))
             os.close(terminal)
             self.assertTrue(os.read(control, 4096).startswith(b"hypervisor             " + works + b"\r\n"))
             os.close(control)

@@ -48,12 +48,9 @@ SERIES = (
 TRAFFIC = b"=== [hypervisor]\n=== /sys/class/net/%s/statistics/rx_bytes\n5\n"
 
 
-class MetricsTest(unittest.TestCase):
-    setUp = test_report.ReportTest.setUp
-
+class MetricsTest(test_report.ToolTest):
     def metrics(self, *options, host="rack-server"):
-        return subprocess.run([self.tool, "metrics", "--host", os.path.join(HOSTS, host), *options],
-                              capture_output=True, text=True)
+        return self.report("metrics", "--host", os.path.join(HOSTS, host), *options)
 
     @contextlib.contextmanager
     def server(self, host="rack-server", address=":0"):
@@ -74,12 +71,9 @@ class MetricsTest(unittest.TestCase):
                 self.assertFalse(part in text, part)
 
     def test_odd_names(self):
-        host = os.path.join(os.path.dirname(self.tool), "odd")
         for name, line in ((b"a\\\xff", 'zorvik_network_receive_bytes_total{device="a\\\\\\\\xff"} 5.0\n'),
                            (b'a"&<', 'zorvik_report_success{report="status Network"} 0.0\n')):
-            with open(host, "wb") as recording:
-                recording.write(TRAFFIC % name)
-            self.assertIn(line, self.metrics(host=host).stdout)
+            self.assertIn(line, self.metrics(host=self.write("odd", TRAFFIC % name)).stdout)
 
     @unittest.skipUnless(shutil.which("promtool"), "takes the package prometheus")
     def test_readers(self):
@@ -93,7 +87,7 @@ class MetricsTest(unittest.TestCase):
 
     def test_file(self):
         """Two writers and a reader: the file is whole at all times, and alone in its folder in the end."""
-        folder = os.path.join(os.path.dirname(self.tool), "textfiles")
+        folder = os.path.join(self.folder, "textfiles")
         path, link = (os.path.join(folder, name) for name in ("host.prom", "link"))
         os.mkdir(folder)
         os.symlink("host.prom", link)
@@ -110,8 +104,7 @@ class MetricsTest(unittest.TestCase):
         self.assertIn("No space left", self.metrics("-o", "/dev/full").stderr)
 
     def test_refused(self):
-        with open(os.path.join(os.path.dirname(self.tool), "prometheus_client.py"), "w") as module:
-            module.write("raise ImportError\n")
+        self.write("prometheus_client.py", "raise ImportError\n")
         for options, error in (([], "python3-prometheus-client"), (["--listen", "x"], "no ADDRESS:PORT"),
                                (["--listen", ":65536"], "no ADDRESS:PORT")):
             self.assertIn(error, self.metrics(*options).stderr.splitlines()[-1])
@@ -137,19 +130,16 @@ class MetricsTest(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("prometheus"), "takes the package prometheus")
     def test_prometheus(self):
-        folder = os.path.dirname(self.tool)
-        host = os.path.join(folder, "crowd")
-        with open(host, "w", encoding="utf-8") as recording:
-            recording.write(crowded_host.crowded_host(20))
+        host = self.write("crowd", crowded_host.crowded_host(20))
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             own = "127.0.0.1:%d" % free.getsockname()[1]
         with self.server(host=host) as (_, url):
-            with open(os.path.join(folder, "prometheus.yml"), "w", encoding="utf-8") as config:
-                json.dump({"global": {"scrape_interval": "1s", "scrape_timeout": "1s"}, "scrape_configs": [
-                    {"job_name": "zorvik", "static_configs": [{"targets": [url.split("/")[2]]}]}]}, config)
+            self.write("prometheus.yml", json.dumps({
+                "global": {"scrape_interval": "1s", "scrape_timeout": "1s"}, "scrape_configs": [
+                    {"job_name": "zorvik", "static_configs": [{"targets": [url.split("/")[2]]}]}]}))
             with subprocess.Popen(["prometheus", "--config.file=prometheus.yml", "--storage.tsdb.path=data",
-                                   "--web.listen-address=" + own], cwd=folder, stderr=subprocess.DEVNULL) as watch:
+                                   "--web.listen-address=" + own], cwd=self.folder, stderr=subprocess.DEVNULL) as watch:
                 self.addCleanup(watch.kill)
                 query = "http://%s/api/v1/query?query=count(zorvik_domain_cpu_seconds_total)" % own
                 found, until = [], time.monotonic() + 30

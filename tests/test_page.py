@@ -83,17 +83,13 @@ class Reader(html.parser.HTMLParser):
         self.text += text + " "
 
 
-class PageTest(unittest.TestCase):
-    setUp = test_report.ReportTest.setUp
-
+class PageTest(test_report.ToolTest):
     def page(self, host, status=0, **changes):
         """The page of a recorded host, and what is on standard error."""
         if isinstance(host, bytes):
-            with open(os.path.join(os.path.dirname(self.tool), "made"), "wb") as recording:
-                recording.write(host)
-            host = recording.name
-        made = subprocess.run([self.tool, "page", "--host", os.path.join(HOSTS, host)], capture_output=True,
-                              text=True, env=dict(os.environ, **changes))
+            host = self.write("made", host)
+        made = self.report("page", "--host", os.path.join(HOSTS, host),
+                           env=dict(os.environ, **changes))
         self.assertEqual(made.returncode, status, made.stderr)
         return made.stdout, made.stderr
 
@@ -114,31 +110,25 @@ class PageTest(unittest.TestCase):
 
     def test_missing_packages(self):
         """The picture alone lacks without Graphviz, and where it ends early."""
-        with tempfile.TemporaryDirectory() as folder:
+        with tempfile.TemporaryDirectory() as folder:  # no colon in its name
             troubles = [(self.page("rack-server", PATH=folder), "takes the package graphviz")]
             for dot, reason in ("exit 3", "it ended with 3"), ("echo '<'", "failed"):
-                with open(os.path.join(folder, "dot"), "w", encoding="utf-8") as script:
-                    script.write("#!/bin/sh\n%s\n" % dot)
-                os.chmod(script.name, 0o755)
+                os.chmod(self.write(folder + "/dot", "#!/bin/sh\n%s\n" % dot), 0o755)
                 troubles.append((self.page("rack-server", PATH=folder), reason))
         for (text, error), reason in troubles:
             self.assertRegex(error, "^zorvik-report: no picture of the network: .*%s.*\n$" % reason)
             self.assertEqual((reason in text, "<svg" in text, 'id="domains"' in text), (True, False, True))
-        with open(os.path.join(os.path.dirname(self.tool), "jinja2.py"), "w", encoding="utf-8") as module:
-            module.write("raise ImportError\n")
+        self.write("jinja2.py", "raise ImportError\n")
         self.assertEqual(self.page("rack-server", 1), ("", "zorvik-report: a page takes the package python3-jinja2, "
                                                            "which is not installed\n"))
 
     @unittest.skipUnless(shutil.which("chromium"), "takes the package chromium")
     def test_browser(self):
         """Without a word on the console, and with the picture and every table."""
-        folder = os.path.dirname(self.tool)
         for host, tables in ((crowded_host().encode(), TABLES), ("no-hypervisor", ())):
-            path = os.path.join(folder, "page.html")
-            with open(path, "w", encoding="utf-8") as page:
-                page.write(self.page(host)[0])
+            path = self.write("page.html", self.page(host)[0])
             seen = subprocess.run(["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--enable-logging=stderr",
-                                   "--user-data-dir=" + os.path.join(folder, "profile"), "--dump-dom", path],
+                                   "--user-data-dir=" + os.path.join(self.folder, "profile"), "--dump-dom", path],
                                   capture_output=True, text=True, timeout=120)
             self.assertNotIn("CONSOLE", seen.stderr)
             self.assertEqual([name for name in tables if '<table id="%s">' % name not in seen.stdout], [])

@@ -39,23 +39,30 @@ def documents(path):
 
 
 class RecordHostTest(unittest.TestCase):
-    def record(self, host, *options):
-        """The documents of a host and of a recording of it, and the recording."""
-        original = os.path.join(test_module.HOSTS, host, "host")
-        with tempfile.NamedTemporaryFile("r", errors="surrogateescape") as copy:
+    def record(self, host, *options, changes=()):
+        """Records a host with some texts replaced: the documents of both, and their texts."""
+        path = os.path.join(test_module.HOSTS, host, "host")
+        with open(path, errors="surrogateescape") as recorded:
+            text = recorded.read()
+        for changed in changes:
+            text = text.replace(*changed)
+        with (tempfile.NamedTemporaryFile("w", errors="surrogateescape") as original,
+              tempfile.NamedTemporaryFile("r", errors="surrogateescape") as copy):
+            original.write(text)
+            original.flush()
             subprocess.run((os.environ["RECORD_HOST"], "-o", copy.name) + options, check=True,
-                           env=dict(os.environ, SIMHOST=original), stderr=subprocess.DEVNULL)
-            return documents(original), documents(copy.name), copy.read()
+                           env=dict(os.environ, SIMHOST=original.name), stderr=subprocess.DEVNULL)
+            return documents(original.name), documents(copy.name), text, copy.read()
 
     def test_round_trip(self):
         for host in sorted(HOSTS):
             with self.subTest(host):
-                original, copy, _ = self.record(host)
+                original, copy, _, _ = self.record(host)
                 begin = len(CALLS) if host in LATE else 0
                 self.assertEqual(copy[begin:], original[begin:])
 
     def test_masks(self):
-        original, masked, recording = self.record("rack-server", "--mask")
+        original, masked, _, recording = self.record("rack-server", "--mask")
         table = base64.b64decode(re.search("<Buffer[^>]*>([^<]*)<", masked[0][1]).group(1))
         told = str(masked).lower() + recording.lower() + table.decode("latin-1").lower()
         secret = re.compile("<(?:SerialNumber|AssetTag|UUID|GUID|MAC|Address|IP_Address)>(.*?)<")
@@ -71,12 +78,9 @@ class RecordHostTest(unittest.TestCase):
     def test_masks_of_names_and_processes(self):
         for host, mac in ("rack-server", "00:00:5e:00:53:10"), ("net-switch", "00:00:5e:00:53:02"):
             name = "enx" + mac.replace(":", "")
-            with self.subTest(host), tempfile.TemporaryDirectory() as folder:
-                with open(os.path.join(test_module.HOSTS, host, "host")) as recorded:
-                    text = recorded.read().replace("eth0", name).replace("(bash)", "(b) h)")
-                with open(os.path.join(folder, "host"), "w") as renamed:
-                    renamed.write(text)
-                original, masked, recording = self.record(folder, "--mask")
+            with self.subTest(host):
+                original, masked, text, recording = self.record(
+                    host, "--mask", changes=(("eth0", name), ("(bash)", "(b) h)")))
                 self.assertFalse(name[3:] in recording.replace(":", ""))
                 stand_in, mac = re.search('"(enxda.*?)"(?s:.*?)<MAC>(.*?)<', masked[1][1]).groups()
                 self.assertEqual(stand_in, "enx" + mac.lower().replace(":", ""))
@@ -89,32 +93,20 @@ class RecordHostTest(unittest.TestCase):
 
     def test_kernel_table(self):
         """What stands behind its end is masked; how its files fail is recorded."""
-        with open(os.path.join(test_module.HOSTS, "firmware-64", "host")) as recorded:
-            text = recorded.read()
-        tables = "/sys/firmware/dmi/tables/"
-        for changed, expected in (
-                (text.replace("7f 04 ff fe 00 00", '7f 04 ff fe 00 00 "secret"'),
-                 "7f 04 ff fe 00 00 58 58 58 58 58 58\n"),
-                (text.replace(tables + "DMI hex", tables + "DMI read=EIO\n=== /x hex"),
-                 tables + "DMI read=EIO\n"),
-                (text.replace(tables + "smbios_entry_point hex",
-                              tables + "smbios_entry_point open=EACCES\n=== /x hex"),
-                 tables + "smbios_entry_point open=EACCES\n")):
-            with tempfile.TemporaryDirectory() as folder, self.subTest(expected):
-                with open(os.path.join(folder, "host"), "w") as host:
-                    host.write(changed)
-                _, _, recording = self.record(folder, "--mask")
-                self.assertIn(expected, re.sub(r"\n(?=\w\w )", " ", recording))
+        for text, added, expected in (
+                ("7f 04 ff fe 00 00", ' "secret"', " 58 58 58 58 58 58\n"),
+                ("tables/DMI", " read=EIO\n=== /x", " read=EIO\n"),
+                ("tables/smbios_entry_point", " open=EACCES\n=== /x", " open=EACCES\n")):
+            with self.subTest(text):
+                changes = [(text, text + added)]
+                *_, recording = self.record("firmware-64", "--mask", changes=changes)
+                self.assertIn(text + expected, re.sub(r"\n(?=\w\w )", " ", recording))
 
     def test_switch(self):
         """A name that the switch lists is no shell's command and no heading of the recording."""
         names = "a$(exit)", "=== /proc/meminfo", "--help"
-        with open(os.path.join(test_module.HOSTS, "switch-current", "host")) as recorded:
-            text = recorded.read().replace("--help", "\\n".join(names))
-        with tempfile.TemporaryDirectory() as folder:
-            with open(os.path.join(folder, "host"), "w") as host:
-                host.write(text)
-            original, copy, recording = self.record(folder)
+        changes = [("--help", "\\n".join(names))]
+        original, copy, _, recording = self.record("switch-current", changes=changes)
         self.assertEqual(copy, original)
         for name in names:
             self.assertIn("\n'list-ports %s')" % name, recording)

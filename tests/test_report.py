@@ -36,24 +36,39 @@ CALLS = (
 )
 
 
-class ReportTest(unittest.TestCase):
-    pythons = [[]] + [["--python2"]] * os.path.isdir(os.path.join(BUILD, "python2"))
+class ToolTest(unittest.TestCase):
+    """What the tests of the tool share: the copy of it, in a folder of its own."""
 
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="a blank:")
         self.addCleanup(folder.cleanup)
         os.symlink(BUILD, os.path.join(folder.name, "build"))
-        with open(os.path.join(folder.name, "CMakeLists.txt"), "w") as lists:
-            lists.write("project(Some VERSION 7.0.1 LANGUAGES CXX)\n")
-        self.tool = shutil.copytree(os.path.join(os.path.dirname(TESTS), "tools"),
-                                    os.path.join(folder.name, "tools")) + "/zorvik-report"
+        self.folder = shutil.copytree(os.path.join(os.path.dirname(TESTS), "tools"),
+                                      os.path.join(folder.name, "tools"))
+        self.write("../CMakeLists.txt", "project(Some VERSION 7.0.1 LANGUAGES CXX)\n")
+        self.tool = self.folder + "/zorvik-report"
+
+    def write(self, name, text):
+        """Writes a file beside the tool. Returns its path."""
+        path = os.path.join(self.folder, name)
+        with open(path, "wb") as stream:
+            stream.write(text if isinstance(text, bytes) else text.encode())
+        return path
+
+    def report(self, *arguments, **options):
+        """Runs the tool; its texts are captured unless the options of run() say otherwise."""
+        return subprocess.run([self.tool, *arguments],
+                              **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options})
+
+
+class ReportTest(ToolTest):
+    pythons = [[]] + [["--python2"]] * os.path.isdir(os.path.join(BUILD, "python2"))
 
     def test_calls(self):
         for python in self.pythons:
             for arguments, status, output, error, nowhere in CALLS:
                 with self.subTest(python + arguments):
-                    ended = subprocess.run([self.tool] + python + arguments, text=True,
-                                           capture_output=True)
+                    ended = self.report(*python, *arguments)
                     self.assertEqual(ended.returncode, status, ended.stderr)
                     self.assertIn(output, ended.stdout)
                     self.assertIn(error, ended.stderr)
@@ -61,12 +76,11 @@ class ReportTest(unittest.TestCase):
 
     def test_sections(self):
         """Those that the module has are told by the help text and by the README, in its order."""
-        rejection, told = (subprocess.run([self.tool] + arguments, text=True, capture_output=True).stdout
-                           for arguments in (["status", "nonsense"] + RACK, ["--help"]))
+        rejection, told = self.report("status", "nonsense", *RACK), self.report("--help")
         with open(os.path.join(os.path.dirname(TESTS), "README.md"), encoding="utf-8") as readme:
             tables = readme.read()
-        names = rejection.split("options are: ")[1].split()
-        self.assertEqual(re.findall("^  ([A-Z]\\w+)  ", told, re.MULTILINE), names)
+        names = rejection.stdout.split("options are: ")[1].split()
+        self.assertEqual(re.findall("^  ([A-Z]\\w+)  ", told.stdout, re.MULTILINE), names)
         self.assertEqual(re.findall("^[|] `([A-Z]\\w+)` [|]", tables, re.MULTILINE), names)
 
     def test_streams(self):
@@ -79,14 +93,14 @@ class ReportTest(unittest.TestCase):
                                   no + "the debug lines to standard output\n")):
                 with self.subTest(python + [words]):
                     ended = subprocess.run(["sh", "-c", '"$@" ' + words, "sh", self.tool] + CUT + python,
-                                           text=True, capture_output=True, cwd=os.path.dirname(self.tool))
+                                           text=True, capture_output=True, cwd=self.folder)
                     self.assertEqual(ended.stderr, error)
 
     def test_json(self):
         for arguments, status, document in (
                 (RACK + ["unique-id"], 0, "0f:1c:2b:3a:4d:5e:6f:70:81:92:02:16:3e:5a:01:ff"),
                 (RACK + ["status", "CPU; Memory"], 22, None), (CUT + ["hardware"], 0, None)):
-            ended = subprocess.run([self.tool, "--format", "json"] + arguments, text=True, capture_output=True)
+            ended = self.report("--format", "json", *arguments)
             told = json.loads(ended.stdout)
             self.assertEqual((ended.returncode, told["status"], told["document"]), (status, status, document))
             self.assertEqual(ended.stderr, "")
@@ -107,11 +121,11 @@ class ReportTest(unittest.TestCase):
         self.assertEqual(facts["unique_id"]["status"], 0)
 
     def test_without_module(self):
-        build = os.path.join(os.path.dirname(os.path.dirname(self.tool)), "build")
+        build = os.path.join(os.path.dirname(self.folder), "build")
         os.remove(build)
         module = os.path.join(build, "python3", "ZorvikDiscoverExtension.abi3.so")
         for error in "install python3-zorvik-discover,", "cannot be loaded: %s: file too short" % module:
-            ended = subprocess.run([self.tool, "unique-id"], text=True, capture_output=True, env={})
+            ended = self.report("unique-id", env={})
             self.assertEqual(ended.returncode, 2)
             self.assertIn(error, ended.stderr)
             os.makedirs(os.path.dirname(module), exist_ok=True)
@@ -121,11 +135,7 @@ class ReportTest(unittest.TestCase):
         """A recorded host whose Open vSwitch tool is the script, and a file beside it."""
         with open(os.path.join(TESTS, "hosts", "net-switch", "host"), encoding="utf-8") as recording:
             slow = recording.read() + "=== /usr/bin/ovs-vsctl\n" + script
-        host, kept = (os.path.join(os.path.dirname(self.tool), name) for name in ("slow", "kept"))
-        for path, text in (host, slow), (kept, "the last"):
-            with open(path, "w", encoding="utf-8") as stream:
-                stream.write(text)
-        return host, kept
+        return self.write("slow", slow), self.write("kept", "the last")
 
     def test_progress(self):
         """On a terminal a line tells what a report waits for; it ends with the tool, whatever ends that."""
@@ -148,12 +158,11 @@ class ReportTest(unittest.TestCase):
                             output += os.read(control, 4096)
                 os.close(control)
                 self.assertRegex(output, rb"\A" + shown + rb"\Z")
-        ended = subprocess.run([self.tool, "network", "--host", host], capture_output=True,
-                               env=dict(os.environ, TERM="xterm"))
-        self.assertEqual(ended.stderr, b"")
-        with open(kept, "rb") as stream:
+        ended = self.report("network", "--host", host, env=dict(os.environ, TERM="xterm"))
+        self.assertEqual(ended.stderr, "")
+        with open(kept, encoding="utf-8") as stream:
             self.assertEqual(stream.read(), ended.stdout)
-        self.assertIn(b"<PhyInterface>eth7</PhyInterface>", ended.stdout)
+        self.assertIn("<PhyInterface>eth7</PhyInterface>", ended.stdout)
 
     def test_interrupt(self):
         """Ctrl-C ends the tool at once and in silence, also while the module waits."""
