@@ -176,16 +176,15 @@ bool has_place(std::string text, use_of_text use)
     const auto close = std::find(text.rbegin(), text.rend(), ')').base();
     if (use == BRACKETED)
         std::replace_if(
-            open, global_source_state && open < close ? close : std::find(open, text.end(), ' '),
+            open,
+            global_source_state && open < close ? close : std::find_if(open, text.end(), isspace),
             is_escaped, '_');
     size_t word = 0, longest = 0;
     for (const char byte : text)
         longest = std::max(longest, word = byte == ' ' || byte == '\n' ? 0 : word + 1);
     const size_t first_line = std::min(text.find('\n'), text.size());
-    const bool one_value = first_line + 1 >= text.size() && use == AS_IT_IS;
     return use != AS_NAMES && (use != KEYS || are_keys(text)) && longest <= 64 &&
-           (!one_value || text.size() <= 96) &&
-           std::none_of(text.begin(), text.end(), [&](unsigned char byte) {
+           first_line <= 96 && std::none_of(text.begin(), text.end(), [&](unsigned char byte) {
                return (byte < ' ' && (!byte || !strchr("\t\n\r", byte))) ||
                       (use != KEYS && strchr("<>&\"", byte));
            });

@@ -65,16 +65,6 @@ TEST_F(Hardware, DumpLines)
     EXPECT_EQ(dump_dmi_buffer(bytes.data(), 10, 3, &dump), ENOMEM);
 }
 
-TEST_F(Hardware, UsableReplies)
-{
-    unsigned char done[] = {0x00, 0x11}, refused[] = {0xc1};
-    const struct ipmi_msg replies[] = {{0, 0, 2, done}, {0, 0, 0, done}, {0, 0, 1, refused}};
-    const reply_state states[] = {REPLY_USABLE, REPLY_EMPTY, REPLY_REFUSED};
-    for (int i = 0; i < 3; i++)
-        EXPECT_EQ(judge_reply(&replies[i]), states[i]) << i;
-    EXPECT_EQ(judge_reply(nullptr), REPLY_MISSING);
-}
-
 TEST_F(Hardware, MessageIdsRunOn)
 {
     const int first = next_message_id();

@@ -177,6 +177,14 @@ TEST_F(Network, NothingIsClosedAfterAFailedAppend)
         ended++;
     }
     EXPECT_GT(ended, 3);
+    for (int nth = 1; nth <= 4;
+         nth++) { // reads of the slaves, the mode and, twice, the status file
+        conn_free(&the_connection);
+        simhost_fail("read", nth, EIO, 1);
+        EXPECT_EQ(bonding_discover(0), nth > 1 ? EIO : 0) << nth;
+        EXPECT_EQ(xml_error(response()), "");
+    }
+    EXPECT_NE(response().find("</Slave_Interface>"), std::string::npos);
 }
 
 } // namespace
