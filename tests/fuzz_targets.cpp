@@ -170,7 +170,7 @@ bool has_place(std::string text, use_of_text use)
 {
     // A process's name goes to its first blank, with current sources to its last parenthesis.
     const auto is_escaped = [](char byte) {
-        return strchr("<>&\"", byte) || (global_source_state && iscntrl(byte));
+        return byte && (strchr("<>&\"", byte) || (global_source_state && iscntrl(byte)));
     };
     const auto open = std::find(text.begin(), text.end(), '(');
     const auto close = std::find(text.rbegin(), text.rend(), ')').base();
@@ -184,7 +184,8 @@ bool has_place(std::string text, use_of_text use)
         longest = std::max(longest, word = byte == ' ' || byte == '\n' ? 0 : word + 1);
     const size_t first_line = std::min(text.find('\n'), text.size());
     return use != AS_NAMES && (use != KEYS || are_keys(text)) && longest <= 64 &&
-           first_line <= 96 && std::none_of(text.begin(), text.end(), [&](unsigned char byte) {
+           (use != BRACKETED || text.size() < 512) && first_line <= 96 &&
+           std::none_of(text.begin(), text.end(), [&](unsigned char byte) {
                return (byte < ' ' && (!byte || !strchr("\t\n\r", byte))) ||
                       (use != KEYS && strchr("<>&\"", byte));
            });
