@@ -106,8 +106,20 @@ def litter():
     time.sleep(0.001)
 
 
+def reap(child, deadline):
+    """Waits for a child until a time. Returns its status, None for one that hangs and is killed."""
+    while time.time() < deadline:
+        reaped, status = os.waitpid(child, os.WNOHANG)
+        if reaped:
+            return status
+        time.sleep(0.005)
+    os.kill(child, signal.SIGKILL)
+    os.waitpid(child, 0)
+    return None
+
+
 def fork():
-    before = epoch
+    before, deadline = epoch, time.time() + 20
     child = os.fork()
     if child == 0:
         right = 1
@@ -117,18 +129,16 @@ def fork():
                 os.write(2, ("? in a child, %s\n" % faults[-1:]).encode())
         finally:
             os._exit(0 if right else WRONG)
+    while True:
+        try:
+            status = reap(child, deadline)
+            break
+        except MemoryError:
+            pass
     counts["forks"] += 1
-    deadline = time.time() + 20
-    reaped, status = 0, 0
-    while not reaped and time.time() < deadline:
-        reaped, status = os.waitpid(child, os.WNOHANG)
-        time.sleep(0.005)
-    if not reaped:
-        os.kill(child, signal.SIGKILL)
-        os.waitpid(child, 0)
     # Without memory an interpreter can die of a fork itself.
-    if not reaped or status == WRONG << 8 or (status and before % 2 == 0 and epoch == before):
-        faults.append("a forked child %s" % ("ended with %d" % status if reaped else "hangs"))
+    if status in (None, WRONG << 8) or (status and before % 2 == 0 and epoch == before):
+        faults.append("a forked child hangs or ends wrongly: %r" % status)
 
 
 def until(deadline, step):
@@ -177,8 +187,7 @@ def press(chance, size_kib):
 
 
 def take_host(host, calls, state):
-    """Loads a host and keeps its undisturbed answers. Returns whether it is of use: quick, and the same
-    at every time."""
+    """Loads a host and keeps its answers. Returns whether it is quick, and always gives the same."""
     healthy.clear()
     pressures.clear()
     sources.value = state
