@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include "config_network_internal.h"
@@ -148,16 +149,20 @@ TEST_F(Network, OpenSwitchToolHasFiveSecondsForAllBridges)
         "? show_opensw_ifs: /usr/bin/ovs-vsctl did not end within 5 seconds and was killed\n");
 }
 
-TEST_F(Network, OpenSwitchToolReapedByOthers)
+TEST_F(Network, OpenSwitchToolReapedByOthersWhileSignalsCome)
 {
     const std::string host = "=== /sys/module/openvswitch_mod/\n=== /sys/class/net/br0 -> ../../b\n"
                              "=== /sys/b/bridge/\n=== /usr/bin/ovs-vsctl\n";
     const auto kept = signal(SIGCHLD, SIG_IGN);
+    signal(SIGALRM, [](int) {});
+    const struct itimerval often = {{0, 10000}, {0, 10000}}, never = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
     for (const auto &[script, result] :
          {std::pair{"echo eth0", 0}, {"sleep 0.1", 0}, {"sleep 1 &", -1}}) {
         load(host + script);
         EXPECT_EQ(bridge_config(0), result) << script;
     }
+    setitimer(ITIMER_REAL, &never, nullptr);
     signal(SIGCHLD, kept);
 }
 
