@@ -254,7 +254,13 @@ FILE *fopen(const char *path, const char *mode)
     const int fd = plan("fopen", path) == outcome::failed ? -1 : open_path(path, flags);
     if (fd < 0)
         return nullptr;
-    return fopencookie(&opened(fd)->fd, "r", {read_stream, nullptr, nullptr, close_stream});
+    FILE *const stream =
+        fopencookie(&opened(fd)->fd, "r", {read_stream, nullptr, nullptr, close_stream});
+    if (!stream) {
+        close(fd);
+        errno = ENOMEM;
+    }
+    return stream;
 }
 
 FILE *fopen64(const char *path, const char *mode) __attribute__((alias("fopen")));
