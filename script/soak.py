@@ -1,10 +1,11 @@
 """Soaks the module as an agent of many threads would, for SOAK_SECONDS (60). For Python 2.7 too.
 
-Runs with the simulated host preloaded. Each round takes a recorded host, asks what it is asked when
-nothing disturbs, and then asks it from four threads and the main one, with garbage whose finalizers
-close files and ask too, with a thread that forks, with signals every 10 ms, and now and then without
-descriptors or address space. Outside of such pressure every answer has to be the undisturbed one;
-an answer that pressure changed has to say so, by its status or its log text.
+Runs with the simulated host preloaded. Each round takes a recorded host, every third time one on
+which reports start a child process, asks what it is asked when nothing disturbs, and then asks it
+from four threads and the main one, with garbage whose finalizers close files and ask too, with a
+thread that forks, with signals every 10 ms, and now and then without descriptors or address space.
+Outside of such pressure every answer has to be the undisturbed one; an answer that pressure changed
+has to say so, by its status or its log text.
 """
 import ctypes
 import errno
@@ -27,13 +28,16 @@ WRONG = 3              # what a forked child ends with whose answer is wrong
 SLOW_CALL = 0.1        # seconds: hosts that hang are for other tests
 MOST_GROWTH_KIB = 8192  # of the memory in use, from the second quarter of the rounds to the last
 PAGE_KIB = os.sysconf("SC_PAGE_SIZE") // 1024
-# Of glibc's allocator: a block of a page comes from the kernel and goes back to it, so that a want of
-# address space is felt: M_MMAP_THRESHOLD, M_TRIM_THRESHOLD, M_TOP_PAD, M_ARENA_MAX.
+# Of glibc's allocator: a block of a page comes from the kernel and goes back to it, so that a want
+# of address space is felt: M_MMAP_THRESHOLD, M_TRIM_THRESHOLD, M_TOP_PAD, M_ARENA_MAX.
 MALLOC_OPTIONS = (-3, 4096), (-1, 0), (-2, 0), (-8, 1)
 # What these lack, where a file cannot be opened, is not worth a log line: a process that has ended,
 # a kernel without the driver.
 SILENT = "(?s) *<(Processes|IPMI|SCSI|Balloon|Meminfo)>.*?</\\1>\n"
-UNLIMITED = {limit: resource.getrlimit(limit) for limit in (resource.RLIMIT_NOFILE, resource.RLIMIT_AS)}
+# Of a recorded host whose switch's tool is run, not only its output recorded.
+STARTS_CHILDREN = "(?m)^=== /usr/bin/ovs-vsctl$\n(?!#output)"
+UNLIMITED = {limit: resource.getrlimit(limit)
+             for limit in (resource.RLIMIT_NOFILE, resource.RLIMIT_AS)}
 
 simhost = ctypes.CDLL(None)
 library = ctypes.CDLL(module.__file__)
@@ -50,7 +54,7 @@ def lacks_alone(text, whole):
     text, whole = text or "", whole or ""
     if re.sub(SILENT, "", text) == re.sub(SILENT, "", whole):
         return True
-    # Where memory is wanting, so it may be for the log line; an append that failed took its text along.
+    # Where memory is wanting, so it may be for the log line; an append that failed took its text.
     rest = iter(whole)
     return "memory" in pressures and all(character in rest for character in text)
 
@@ -61,7 +65,7 @@ def ask(call):
 
 
 def check(call):
-    """Makes a call and holds its answer against the undisturbed one. Returns whether it is right."""
+    """Makes a call. Returns whether its answer is the undisturbed one, or says why it is not."""
     before = epoch
     try:
         answer = ask(call)
@@ -200,6 +204,11 @@ def take_host(host, calls, state):
     return True
 
 
+def starts_children(host):
+    with open(os.path.join(HOSTS, host, "host"), "rb") as recording:
+        return bool(re.search(STARTS_CHILDREN, recording.read().decode("latin-1")))
+
+
 def usage():
     """What the process has: open files, KiB of address space and KiB in use. No host is loaded."""
     with open("/proc/self/statm") as statm:
@@ -251,6 +260,7 @@ def main():
         words = (int(arguments.split(" ")[0]),) if function == "discover_network" else \
             (arguments,) if function == "status" else ()
         hosts.setdefault(host, set()).add((function, words))
+    parents = [host for host in sorted(hosts) if starts_children(host)]
     signal.signal(signal.SIGALRM, count_signal)
     signal.siginterrupt(signal.SIGALRM, True)
     gc.set_threshold(100)
@@ -258,8 +268,11 @@ def main():
         simhost.mallopt(option, value)
     start = time.time()
     used = []
+    tried = 0
     while time.time() < start + seconds and not faults:
-        host, state = chance.choice(sorted(hosts)), chance.randrange(2)
+        kind = parents if tried % 3 == 2 else sorted(hosts)
+        tried += 1
+        host, state = chance.choice(kind), chance.randrange(2)
         used.append(usage())
         if take_host(host, hosts[host], state):
             round_of(chance, used[-1][1], min(time.time() + ROUND_SECONDS, start + seconds))
@@ -272,14 +285,18 @@ def main():
     quarter = len(used) // 4
     descriptors, _, resident = zip(*used[quarter:])
     growth = max(resident[-quarter - 1:]) - max(resident[:quarter + 1])
-    if descriptors[-1] != used[0][0]:
-        faults.append("open: %s, before: %s" % (descriptors[-1], used[0][0]))
+    for name in sorted(set(used[0][0] + descriptors[-1])):
+        before, now = used[0][0].count(name), descriptors[-1].count(name)
+        if before != now:
+            faults.append("%d open of %s, %d before" % (now, name, before))
     if growth > MOST_GROWTH_KIB:
         faults.append("memory grew by %d KiB" % growth)
-    print("Python %d.%d, seed %d: %d rounds, %s; %d descriptors, %d KiB in use, %d more than before" % (
+    peak = max(resident + (resource.getrusage(resource.RUSAGE_SELF).ru_maxrss,))
+    print("Python %d.%d, seed %d: %d rounds, %s; "
+          "%d descriptors, %d KiB in use, %d more than before, %d at most" % (
         sys.version_info[:2] + (seed, len(used) - 1) +
         (", ".join("%d %s" % (counts[name], name) for name in sorted(counts)),
-         len(descriptors[-1]), resident[-1], growth)))
+         len(descriptors[-1]), resident[-1], growth, peak)))
     for fault in faults:
         print("? " + fault)
     return bool(faults) or len(used) < 2
