@@ -55,7 +55,7 @@ TEST_P(Documents, DebugLinesHaveTheirLevels)
     for (std::string line; std::getline(recorded, line) && line != "(null)";)
         for (int level = line[0] - '0'; level <= 4; level++)
             lines[level] += line.substr(2) + "\n";
-    for (int level = 1; level <= 4; level++)
+    for (int level = 0; level <= 4; level++)
         EXPECT_EQ(debug_lines(GetParam(), level), lines[level]) << level;
     conn_free(&the_connection);
     simhost_unload();

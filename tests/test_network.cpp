@@ -190,6 +190,8 @@ TEST_F(Network, NothingIsClosedAfterAFailedAppend)
         EXPECT_EQ(xml_error(response()), "");
     }
     EXPECT_NE(response().find("</Slave_Interface>"), std::string::npos);
+    load("=== /proc/net/dev\n");
+    EXPECT_EQ(bonding_discover(0), 0) << "without bonds";
 }
 
 } // namespace
