@@ -19,6 +19,15 @@ TEST_F(Status, CommandsHoldLineFeedsAndAreNoNull)
     EXPECT_EQ(logged(), "? agent_status: no command\n");
 }
 
+TEST_F(Status, TellsOfOneProcess)
+{
+    put("/proc/1/stat", "1 (init) S 0");
+    EXPECT_EQ(send_proc_info(0, "1"), 0);
+    EXPECT_EQ(response().rfind("<Process PID=\"1\">\n  <State>S</State>\n", 0), 0U);
+    EXPECT_EQ(send_proc_info(0, "2"), ENOENT);
+    EXPECT_EQ(send_proc_info(0, nullptr), EINVAL);
+}
+
 TEST_F(Status, ReadsMemoryFiles)
 {
     meminfo_contents meminfo;
