@@ -60,6 +60,7 @@ int run(const call_t &call)
         return agent_discover_hardware(new_conn());
     if (call.function == "discover_network") {
         int indent = 0;
+        OrigIpString[0] = OrigMaskString[0] = '\0'; // what a failed call before has left
         std::istringstream words{call.arguments};
         words >> indent >> std::setw(sizeof OrigIpString) >> OrigIpString >>
             std::setw(sizeof OrigMaskString) >> OrigMaskString;
